@@ -1,0 +1,201 @@
+#include "logging/InternalLogger.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace mendline {
+namespace {
+
+constexpr char kLogPath[] = "/var/log/norvane/tarnhost-mendline.log";
+constexpr char kBackupPath[] = "/var/log/norvane/tarnhost-mendline_backup.log";
+constexpr char kLevelVariable[] = "TARNHOST_MENDLINE_LOGLEVEL";
+
+// 25 MiB less one byte: a position beyond it rotates.
+constexpr std::int32_t kRotationPosition = 0x18fffff;
+
+constexpr std::size_t kMaxLineLength = 511;
+constexpr std::size_t kLineLimit = kMaxLineLength + 1;
+
+constexpr const char* kLevelNames[] = {nullptr, "Verbose", "Trace", "Debug",
+                                       "Info",  "Warn",    "Error", "Faltal"};
+
+struct LevelWord {
+  const char* word;
+  std::size_t limit;
+  std::int32_t level;
+};
+
+// The limit is the word's length plus one, so that the terminator takes part in the comparison and
+// a value with anything behind the word does not count.
+constexpr LevelWord kLevelWords[] = {
+    {"Verbose", 8, LogLevel::Verbose}, {"Trace", 6, LogLevel::Trace}, {"Debug", 6, LogLevel::Debug},
+    {"Info", 5, LogLevel::Info},       {"Warn", 5, LogLevel::Warn},   {"Error", 6, LogLevel::Error},
+    {"Faltal", 7, LogLevel::Faltal}};
+
+// Required: a value counts when it is a prefix of a word, so the empty value is the first word, and
+// a value that matches nothing means Debug, not the default Info. Pinned by
+// InternalLoggerThreshold.*.
+std::int32_t thresholdFromEnvironment() {
+  const char* value = std::getenv(kLevelVariable);
+  if (value == nullptr) {
+    return LogLevel::Info;
+  }
+  const std::size_t length = std::strlen(value);
+  for (const LevelWord& entry : kLevelWords) {
+    if (std::strncmp(value, entry.word, std::min(length, entry.limit)) == 0) {
+      return entry.level;
+    }
+  }
+  return LogLevel::Debug;
+}
+
+void formatTime(char (&text)[64]) {
+  timeval now{};
+  if (gettimeofday(&now, nullptr) != 0) {
+    return;
+  }
+  // The reentrant form: lines are formatted outside the lock, by several threads at once.
+  tm local{};
+  if (localtime_r(&now.tv_sec, &local) == nullptr) {
+    return;
+  }
+  const std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+  // Required: milliseconds without leading zeros. Pinned by InternalLoggerLine.*.
+  std::snprintf(text + length, sizeof(text) - length, ":%ld",
+                static_cast<long>(now.tv_usec / 1000));
+}
+
+// From the library's load on the log functions go through this second owner, which spares them the
+// guard of the function-local static.
+const std::shared_ptr<InternalLogger> logger = InternalLogger::getInstance();
+
+}  // namespace
+
+InternalLogger::InternalLogger() : level(thresholdFromEnvironment()) {
+  openLogFile();
+}
+
+InternalLogger::~InternalLogger() {
+  if (stream != nullptr && stream != stderr) {
+    static_cast<void>(std::fclose(stream));
+  }
+}
+
+std::shared_ptr<InternalLogger> InternalLogger::getInstance() {
+  static const std::shared_ptr<InternalLogger> instance = std::make_shared<InternalLogger>();
+  return instance;
+}
+
+std::int32_t InternalLogger::threshold() {
+  return std::atomic_ref(level).load(std::memory_order_relaxed);
+}
+
+void InternalLogger::setThreshold(std::int32_t newLevel) {
+  std::atomic_ref(level).store(newLevel, std::memory_order_relaxed);
+}
+
+void InternalLogger::openLogFile() {
+  std::FILE* opened = std::fopen(kLogPath, "a");
+  if (opened == nullptr) {
+    static_cast<void>(
+        std::fprintf(stderr, "Failed to open log file %s, falling back to stderr\n", kLogPath));
+    opened = stderr;
+  }
+  std::atomic_ref(stream).store(opened, std::memory_order_relaxed);
+}
+
+void InternalLogger::rotate() {
+  if (stream != nullptr && stream != stderr) {
+    static_cast<void>(std::fclose(stream));
+  }
+  std::atomic_ref(stream).store(nullptr, std::memory_order_relaxed);
+  if (std::rename(kLogPath, kBackupPath) != 0) {
+    static_cast<void>(std::fprintf(stderr, "Failed to rename/rotate log file %s to %s: %s\n",
+                                   kLogPath, kBackupPath, std::strerror(errno)));
+  }
+  openLogFile();
+}
+
+void InternalLogger::log(std::int32_t messageLevel, const LogTag* tag, const char* format,
+                         va_list arguments) {
+  if (threshold() > messageLevel ||
+      std::atomic_ref(stream).load(std::memory_order_relaxed) == nullptr) {
+    return;
+  }
+
+  char line[kLineLimit + 1] = {};
+  char time[64] = {};
+  formatTime(time);
+  const int prefixLength =
+      std::snprintf(line, kLineLimit, "%s %-5s <%lx> [%s] ", time, kLevelNames[messageLevel],
+                    static_cast<unsigned long>(pthread_self()), tag->name);
+  const auto prefix = static_cast<std::size_t>(std::max(prefixLength, 0));
+  static_cast<void>(std::vsnprintf(line + prefix, kLineLimit - prefix, format, arguments));
+  if (std::strlen(line) > kMaxLineLength) {
+    static_cast<void>(std::fprintf(stderr, "Log string exceed max length\n"));
+  }
+
+  const std::lock_guard lock(mutex);
+  // Required: the position is narrowed to 32 bits before the comparison, and tested before the line
+  // is written, so the file may exceed the limit by one line. Pinned by InternalLoggerRotation.*.
+  if (static_cast<std::int32_t>(std::ftell(stream)) > kRotationPosition) {
+    rotate();
+  }
+  static_cast<void>(std::fprintf(stream, "%s\n", line));
+  static_cast<void>(std::fflush(stream));
+}
+
+void LogTrace(const LogTag* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logger->log(LogLevel::Trace, tag, format, arguments);
+  va_end(arguments);
+}
+
+void LogDebug(const LogTag* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logger->log(LogLevel::Debug, tag, format, arguments);
+  va_end(arguments);
+}
+
+void LogInfo(const LogTag* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logger->log(LogLevel::Info, tag, format, arguments);
+  va_end(arguments);
+}
+
+void LogWarn(const LogTag* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logger->log(LogLevel::Warn, tag, format, arguments);
+  va_end(arguments);
+}
+
+void LogError(const LogTag* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logger->log(LogLevel::Error, tag, format, arguments);
+  va_end(arguments);
+}
+
+bool IsTraceEnabled(const LogTag* /*tag*/) {
+  return GetLogThreshold() < LogLevel::Debug;
+}
+
+std::int32_t GetLogThreshold() {
+  return logger->threshold();
+}
+
+void SetLogThreshold(std::int32_t newLevel) {
+  logger->setThreshold(newLevel);
+}
+
+}  // namespace mendline
