@@ -1,0 +1,126 @@
+#include "generators/HistoricalMetricGenerator.h"
+
+#include <mutex>
+#include <utility>
+
+#include "generators/SystemArithmetic.h"
+#include "logging/InternalLogger.h"
+
+namespace mendline {
+namespace {
+
+const LogTag kTag("HistoricalMetricGenerator");
+
+// Guards `history` of the generator and `latestFigures`. No other lock is taken under it.
+std::mutex historyMutex;
+LatestSystemFigures latestFigures;
+
+// The last sample that reached generate, in the zero state before the first. Only the collection
+// thread uses it. It is built when the library is loaded and not at first use: a static that was
+// built on the collection thread would be destroyed at exit before that thread has been joined.
+PerfSample previousSample;
+
+// What one user's processes add up to in one tick.
+struct UserSums {
+  std::uint64_t cpuTicks = 0;
+  std::uint64_t memoryPages = 0;
+};
+
+void sampleSystem(const SystemPerfStats& prevStats, const SystemPerfStats& curStats,
+                  HistoryRecord& record) {
+  LatestSystemFigures figures;
+  figures.cpuUsage = cpuUsage(prevStats, curStats);
+  figures.memUsage = memUsage(curStats);
+  figures.diskRead = diskReadLatency(prevStats, curStats);
+  figures.diskWrite = diskWriteLatency(prevStats, curStats);
+  const double readRate = diskReadRate(prevStats, curStats);
+  const double writeRate = diskWriteRate(prevStats, curStats);
+  figures.diskQueue = readRate + writeRate;
+  LogTrace(&kTag, "cpuUsage %.2f, memUsage %.2f, diskRead %.2f, diskWrite %.2f, diskIops %.2f\n",
+           figures.cpuUsage, figures.memUsage, figures.diskRead, figures.diskWrite,
+           figures.diskQueue);
+
+  record.systemMetrics = {{"overall_cpu", figures.cpuUsage},
+                          {"overall_mem", figures.memUsage},
+                          {"disk_iops_reads", readRate},
+                          {"disk_iops_writes", writeRate},
+                          {"disk_latency", diskLatency(prevStats, curStats)}};
+
+  const std::lock_guard lock(historyMutex);
+  latestFigures = figures;
+}
+
+void sampleUsers(const ProcessInfoSet& prevProcesses, const ProcessInfoSet& curProcesses,
+                 std::uint64_t elapsed, std::uint64_t memTotal, HistoryRecord& record) {
+  std::unordered_map<std::int32_t, UserSums> perUser;
+  for (const ProcessInfo& cur : curProcesses) {
+    const auto previous = prevProcesses.find(cur);
+    UserSums& sums = perUser[static_cast<std::int32_t>(cur.uiUserId)];
+    // Required: a process first seen now is charged with its whole life. Pinned by
+    // HistoricalMetricGenerator.ChargesAProcessSeenForTheFirstTimeWithItsWholeLife.
+    sums.cpuTicks += previous != prevProcesses.end() ? processCpuTicksDelta(*previous, cur)
+                                                     : processCpuTicks(cur);
+    sums.memoryPages += cur.ulMemory;
+  }
+
+  for (const auto& [uid, sums] : perUser) {
+    record.userMetrics.push_back(
+        {uid, "cpu", static_cast<double>(sums.cpuTicks * 100) / static_cast<double>(elapsed)});
+    std::uint64_t pageSize = 0;
+    static_cast<void>(getPageSize(pageSize));
+    record.userMetrics.push_back(
+        {uid, "mem",
+         static_cast<double>(sums.memoryPages * pageSize * 100) / static_cast<double>(memTotal)});
+  }
+}
+
+void sampleSessions(const PerfSample& current, HistoryRecord& record) {
+  if (!current.hasProtocolData) {
+    return;
+  }
+  for (const std::string& display : current.displayNames) {
+    if (const auto found = current.protocolMetrics.find(display);
+        found != current.protocolMetrics.end()) {
+      record.sessionMetrics[display] = found->second;
+    }
+  }
+}
+
+void update(const PerfSample& previous, const PerfSample& current, HistoryRecord& record) {
+  sampleSystem(previous.system, current.system, record);
+  sampleUsers(previous.processes, current.processes, elapsedTicks(previous.system, current.system),
+              current.system.memTotal, record);
+  sampleSessions(current, record);
+  static_cast<void>(getSystemUptime(record.uptime));
+}
+
+}  // namespace
+
+std::shared_ptr<HistoricalMetricGenerator> HistoricalMetricGenerator::getInstance() {
+  static const std::shared_ptr<HistoricalMetricGenerator> instance =
+      std::make_shared<HistoricalMetricGenerator>();
+  return instance;
+}
+
+void HistoricalMetricGenerator::generate(const PerfSample& sample) {
+  PerfSample current = sample;
+  HistoryRecord record;
+  update(previousSample, current, record);
+  appendRecord(record);
+  std::swap(previousSample, current);
+}
+
+LatestSystemFigures HistoricalMetricGenerator::getLatestSystemFigures() {
+  const std::lock_guard lock(historyMutex);
+  return latestFigures;
+}
+
+void HistoricalMetricGenerator::appendRecord(const HistoryRecord& record) {
+  const std::lock_guard lock(historyMutex);
+  if (history.size() >= kMaxRecords) {
+    history.pop_front();
+  }
+  history.push_back(record);
+}
+
+}  // namespace mendline
