@@ -1,0 +1,94 @@
+#include "gateway/MendLineOperation.h"
+
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <sstream>
+
+#include "collector/CollectorControl.h"
+#include "gateway/LogLevelOperations.h"
+#include "gateway/ProcessOperations.h"
+#include "logging/InternalLogger.h"
+
+namespace mendline {
+namespace {
+
+using boost::property_tree::ptree;
+
+const LogTag kTag("MendLineOperation");
+
+constexpr char kFallbackAnswer[] = "<ERROR>Failed to do mendline operation</ERROR>";
+
+// The operations of the collector know nothing of answers; these give theirs.
+
+void startCollector(const ptree& /*requestTree*/, ptree& responseTree) {
+  if (StartCollector()) {
+    putResult(responseTree, "INFO", "Succeed to start collector");
+  } else {
+    putResult(responseTree, "ERROR", "Failed to start collector");
+  }
+}
+
+void stopCollector(const ptree& /*requestTree*/, ptree& responseTree) {
+  StopCollector();
+  putResult(responseTree, "INFO", "Finish to stop collector");
+}
+
+// Required: a request that wiped nothing gets the same answer. Pinned by
+// DispatchOperation.*ClearShm*.
+void clearShm(const ptree& requestTree, ptree& responseTree) {
+  ClearShm(requestTree);
+  putResult(responseTree, "INFO", "Finish to clear shared memory");
+}
+
+struct Operation {
+  const char* opcode;
+  void (*run)(const ptree& requestTree, ptree& responseTree);
+};
+
+constexpr Operation kOperations[] = {
+    {"StartCollector", startCollector},
+    {"StopCollector", stopCollector},
+    {"ClearShm", clearShm},
+    {"ProcessMetrics", processMetrics},
+    {"GetLogLevel", getLogLevel},
+    {"SetLogLevel", setLogLevel},
+};
+
+}  // namespace
+
+void putResult(ptree& tree, const char* path, const std::string& text) {
+  tree.put(path, text);
+}
+
+void dispatchOperation(const ptree& requestTree, ptree& responseTree) {
+  const auto opcode = requestTree.get<std::string>("MendlineOperation.opcode", "");
+  for (const Operation& operation : kOperations) {
+    if (opcode == operation.opcode) {
+      operation.run(requestTree, responseTree);
+      return;
+    }
+  }
+  putResult(responseTree, "ERROR", "Invalid mendline opcode");
+}
+
+void handleRequest(const std::string& request, std::string& response) {
+  ptree requestTree;
+  ptree responseTree;
+  std::istringstream requestStream(request);
+  LogDebug(&kTag, "Receive mendline request %s", request.c_str());
+  try {
+    boost::property_tree::read_xml(requestStream, requestTree, 0);
+    dispatchOperation(requestTree, responseTree);
+    std::ostringstream responseStream;
+    boost::property_tree::write_xml(
+        responseStream, responseTree,
+        boost::property_tree::xml_writer_make_settings<std::string>(' ', 0, "utf-8"));
+    response = std::move(responseStream).str();
+  } catch (const boost::property_tree::xml_parser_error& error) {
+    LogError(&kTag, "Failed to parse xml, error is %s", error.what());
+    response = kFallbackAnswer;
+  }
+  LogDebug(&kTag, "Send mendline response %s", response.c_str());
+}
+
+}  // namespace mendline
