@@ -1,7 +1,6 @@
 // The body of the collection thread: one tick after another.
 
 #include "collector/PerfCollector.h"
-#include "collector/SessionCounters.h"
 #include "collector/SessionDiscovery.h"
 #include "sources/ProcessQuery.h"
 #include "sources/ProtocolQuery.h"
@@ -10,12 +9,12 @@
 namespace mendline {
 
 void PerfCollector::collectionLoop() {
-  if (loadShared(stopRequested)) {
+  if (isStopRequested()) {
     return;
   }
   do {
     collectOnce();
-  } while (!loadShared(stopRequested));
+  } while (!isStopRequested());
 }
 
 void PerfCollector::collectOnce() {

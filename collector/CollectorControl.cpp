@@ -9,9 +9,12 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <istream>
 #include <optional>
 #include <string>
 
@@ -27,7 +30,7 @@ namespace {
 
 using boost::property_tree::ptree;
 
-const LogTag kTag("MendLineOperation");
+constinit const LogTag kTag("MendLineOperation");
 
 constexpr char kWorkerAccount[] = "qrsflare";  // the user and the group
 constexpr char kConfigPath[] = "/etc/norvane/config";
@@ -62,7 +65,8 @@ void readDisplayRange(std::istream& config) {
   }
 }
 
-// Without a configuration file all values stay as they are, unclamped and without a message.
+// Required: without a configuration file all values stay as they are, unclamped and without a
+// message. Pinned by StartCollector.*Config*.
 void configureDisplayRange() {
   std::ifstream config(kConfigPath);
   if (!config) {
@@ -111,6 +115,8 @@ bool ensureKeyFile(const WorkerAccount& account, std::ifstream& existing) {
 }
 
 // Makes or takes over the segment, attaches it and gives it to the worker's account.
+// Required: identifier and address are stored before they are tested, and an attachment that was
+// there before is not given up. Pinned by StartCollector.*Again* and StartCollector.*Segment*.
 bool attachSegment(const WorkerAccount& account) {
   const key_t key = ftok(kSessionShmKeyFile, kSessionShmProjectId);
   if (key == -1) {
@@ -168,10 +174,9 @@ void clampDisplayNumberConfig(std::int32_t& min, std::int32_t& max) {
   if (max - min > kLargestSpread) {
     max = min + kLargestSpread;
   }
+  // Required: no blank before this parenthesis. Pinned by ClampDisplayNumberConfig.*.
   static_cast<void>(std::printf("%s: After clamping, the display numbers are(%d, %d)\n",
                                 "clampDisplayNumberConfig", min, max));
-  // The host process may end without flushing what others wrote to its standard output.
-  static_cast<void>(std::fflush(stdout));
 }
 
 bool StartCollector() {

@@ -1,15 +1,15 @@
 #include "collector/PerfCollector.h"
 
+#include <atomic>
 #include <chrono>
 #include <utility>
 
-#include "collector/SessionCounters.h"
 #include "logging/InternalLogger.h"
 
 namespace mendline {
 namespace {
 
-const LogTag kTag("PerfCollector");
+constinit const LogTag kTag("PerfCollector");
 
 constexpr std::chrono::nanoseconds kTickWait = std::chrono::seconds(30);
 
@@ -44,7 +44,7 @@ bool PerfCollector::start() {
   if (started) {
     return true;
   }
-  if (loadShared(stopRequested)) {
+  if (isStopRequested()) {
     return false;
   }
   collectionThread = std::thread(&PerfCollector::collectionLoop, this);
@@ -57,20 +57,28 @@ void PerfCollector::stop() {
   const std::lock_guard control(controlMutex);
   {
     const std::lock_guard wait(waitMutex);
-    storeShared(stopRequested, true);
+    setStopRequested(true);
   }
   wakeup.notify_all();
   if (collectionThread.joinable()) {
     collectionThread.join();
   }
-  storeShared(stopRequested, false);
+  setStopRequested(false);
   started = false;
+}
+
+bool PerfCollector::isStopRequested() {
+  return std::atomic_ref(stopRequested).load(std::memory_order_relaxed);
+}
+
+void PerfCollector::setStopRequested(bool requested) {
+  std::atomic_ref(stopRequested).store(requested, std::memory_order_relaxed);
 }
 
 void PerfCollector::waitForNextTick() {
   std::unique_lock wait(waitMutex);
   const auto deadline = std::chrono::steady_clock::now() + kTickWait;
-  while (!loadShared(stopRequested)) {
+  while (!isStopRequested()) {
     // The sleep ends by the system clock, the wait by the steady clock: when the system clock
     // jumped ahead, the time that is left is slept again.
     const auto remaining = deadline - std::chrono::steady_clock::now();

@@ -47,6 +47,9 @@ class PerfCollector {
   // Returns after 30 seconds of the steady clock, or as soon as a stop is requested.
   void waitForNextTick();
 
+  bool isStopRequested();
+  void setStopRequested(bool requested);
+
   // Asks the thread to end. Plain, written under waitMutex; the thread reads it with that lock
   // inside the wait and without it around each tick, always as one relaxed atomic access.
   bool stopRequested = false;

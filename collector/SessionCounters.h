@@ -8,7 +8,6 @@
 // and nothing about its neighbours.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -55,14 +54,18 @@ extern std::int32_t maxSessionNumber;  // records in the segment
 extern std::int32_t sessionShmId;      // identifier of the segment, -1: none
 extern void* sessionShmBase;           // address of the attached segment, kNoSegment: none
 
+// The compiler's own operations and not std::atomic_ref, whose assertion on alignment would turn
+// the fault of an access with no segment attached into an abort.
 template <typename Value>
-Value loadShared(Value& field) {
-  return std::atomic_ref(field).load(std::memory_order_relaxed);
+Value loadShared(const Value& field) {
+  Value value;
+  __atomic_load(&field, &value, __ATOMIC_RELAXED);
+  return value;
 }
 
 template <typename Value>
 void storeShared(Value& field, std::type_identity_t<Value> value) {
-  std::atomic_ref(field).store(value, std::memory_order_relaxed);
+  __atomic_store(&field, &value, __ATOMIC_RELAXED);
 }
 
 // The index of a display's record: the number at the start of `text`, as std::stoi reads it, minus

@@ -1,7 +1,10 @@
 #include "collector/SessionDiscovery.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <utility>
 
 #include "sources/SystemQuery.h"
@@ -18,6 +21,20 @@ constexpr char kAgentMarker[] = "tarnhost";
 // Only the collection thread uses it. Built when the library is loaded, so that it outlives that
 // thread; never reset, so it survives a stop.
 ProcessInfo workerIdentity;
+
+// The arguments of a process with the NUL bytes between them, up to a line feed; nothing when the
+// file can't be opened, as when the process has just gone.
+std::optional<std::string> readCommandLine(std::int32_t pid) {
+  char path[32] = {};
+  static_cast<void>(std::snprintf(path, sizeof(path), "/proc/%d/cmdline", pid));
+  std::ifstream file(path);
+  if (!file) {
+    return std::nullopt;
+  }
+  std::string line;
+  static_cast<void>(std::getline(file, line));
+  return line;
+}
 
 }  // namespace
 
@@ -44,6 +61,9 @@ std::string displayOfCommandLine(const std::string& commandLine) {
   if (commandLine.find(kAgentMarker) == std::string::npos) {
     return {};
   }
+  // Required: the first colon of the whole line counts, wherever the marker stands, and a line
+  // without one is taken whole; what is no number is refused when it is read. Pinned by
+  // SessionDiscovery.*Colon*.
   const std::size_t colon = commandLine.find(':');
   if (colon == std::string::npos) {
     return commandLine;
@@ -58,17 +78,11 @@ std::vector<std::string> findSessions(const ProcessInfoSet& processes) {
     if (process.strProcessName != kXServerName) {
       continue;
     }
-    char path[32] = {};
-    static_cast<void>(std::snprintf(path, sizeof(path), "/proc/%d/cmdline", process.iPid));
-    std::ifstream file(path);
-    if (!file) {
+    const std::optional<std::string> commandLine = readCommandLine(process.iPid);
+    if (!commandLine) {
       continue;
     }
-    // The separating NUL bytes stay inside the line.
-    std::string commandLine;
-    static_cast<void>(std::getline(file, commandLine));
-    file.close();
-    if (std::string display = displayOfCommandLine(commandLine); !display.empty()) {
+    if (std::string display = displayOfCommandLine(*commandLine); !display.empty()) {
       displays.push_back(std::move(display));
     }
   }

@@ -12,7 +12,7 @@ namespace {
 
 using boost::property_tree::ptree;
 
-const LogTag kTag("MendLineOperation");
+constinit const LogTag kTag("MendLineOperation");
 
 struct LevelWord {
   const char* word;

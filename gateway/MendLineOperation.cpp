@@ -3,6 +3,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <sstream>
+#include <utility>
 
 #include "collector/CollectorControl.h"
 #include "gateway/LogLevelOperations.h"
@@ -14,7 +15,7 @@ namespace {
 
 using boost::property_tree::ptree;
 
-const LogTag kTag("MendLineOperation");
+constinit const LogTag kTag("MendLineOperation");
 
 constexpr char kFallbackAnswer[] = "<ERROR>Failed to do mendline operation</ERROR>";
 

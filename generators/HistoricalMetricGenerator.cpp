@@ -9,7 +9,7 @@
 namespace mendline {
 namespace {
 
-const LogTag kTag("HistoricalMetricGenerator");
+constinit const LogTag kTag("HistoricalMetricGenerator");
 
 // Guards `history` of the generator and `latestFigures`. No other lock is taken under it.
 std::mutex historyMutex;

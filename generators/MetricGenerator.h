@@ -1,4 +1,7 @@
 // What the collection thread hands to its generators once per tick, and their abstract base.
+//
+// Samples belong to the collection thread; what a generator shares with request threads it guards
+// with a lock of its own.
 #pragma once
 
 #include <string>

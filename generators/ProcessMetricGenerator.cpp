@@ -13,7 +13,7 @@ namespace {
 
 using boost::property_tree::ptree;
 
-const LogTag kTag("ProcessMetricGenerator");
+constinit const LogTag kTag("ProcessMetricGenerator");
 
 // Guards `timestamp` and `processes` of the generator. The logger's mutex may be taken under it.
 std::mutex processMetricsMutex;
@@ -81,7 +81,8 @@ void ProcessMetricGenerator::generate(const PerfSample& sample) {
   SystemPerfStats currentSystem = sample.system;
 
   // Required: called twice with one sample, the second call sees no tick pass, and its table, with
-  // NaN as every `cpu`, is the one that stays. Pinned by ProcessMetricGenerator.*Twice*.
+  // 9223372036854775808 as every `cpu`, is the one that stays. Pinned by
+  // ProcessMetricGenerator.*Twice*.
   const std::uint64_t elapsed = elapsedTicks(previousSystem, currentSystem);
   ProcessMetricSet table = buildTable(currentProcesses, elapsed);
   std::uint64_t newTimestamp = 0;

@@ -20,6 +20,7 @@ double perOperation(std::uint64_t milliseconds, std::uint64_t operations) {
 
 }  // namespace
 
+// Required: nice time counts neither as busy nor as passed. Pinned by SystemArithmetic.*Nice*.
 std::uint64_t elapsedTicks(const SystemPerfStats& prev, const SystemPerfStats& cur) {
   return (cur.cpuUser - prev.cpuUser) + (cur.cpuSystem - prev.cpuSystem) +
          (cur.cpuIdle - prev.cpuIdle);

@@ -1,5 +1,6 @@
 #include "logging/InternalLogger.h"
 
+#include <pthread.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -82,9 +83,7 @@ InternalLogger::InternalLogger() : level(thresholdFromEnvironment()) {
 }
 
 InternalLogger::~InternalLogger() {
-  if (stream != nullptr && stream != stderr) {
-    static_cast<void>(std::fclose(stream));
-  }
+  closeLogFile();
 }
 
 std::shared_ptr<InternalLogger> InternalLogger::getInstance() {
@@ -110,11 +109,18 @@ void InternalLogger::openLogFile() {
   std::atomic_ref(stream).store(opened, std::memory_order_relaxed);
 }
 
-void InternalLogger::rotate() {
-  if (stream != nullptr && stream != stderr) {
-    static_cast<void>(std::fclose(stream));
-  }
+// By hand, in this one place: an owning pointer could not be looked at without the lock, and stderr
+// is not ours to close.
+void InternalLogger::closeLogFile() {
+  std::FILE* const closing = stream;
   std::atomic_ref(stream).store(nullptr, std::memory_order_relaxed);
+  if (closing != nullptr && closing != stderr) {
+    static_cast<void>(std::fclose(closing));
+  }
+}
+
+void InternalLogger::rotate() {
+  closeLogFile();
   if (std::rename(kLogPath, kBackupPath) != 0) {
     static_cast<void>(std::fprintf(stderr, "Failed to rename/rotate log file %s to %s: %s\n",
                                    kLogPath, kBackupPath, std::strerror(errno)));

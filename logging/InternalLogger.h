@@ -1,10 +1,9 @@
 // The one log of the library: a text file with a single-generation rotation by size.
 //
-// Any thread may call anything here, at any time after the library has been loaded. Logging never
-// reports a failure to its caller; the logger's own trouble goes to standard error.
+// Any thread may call anything here, from the library's load until its static objects are destroyed
+// at exit or unload. Logging never reports a failure to its caller; the logger's own trouble goes
+// to standard error.
 #pragma once
-
-#include <pthread.h>
 
 #include <cstdarg>
 #include <cstddef>
@@ -34,6 +33,8 @@ inline constexpr std::int32_t Faltal = 7;
 struct LogTag {
   char name[64] = {};
 
+  LogTag(const LogTag&) = delete;
+  LogTag& operator=(const LogTag&) = delete;
   constexpr explicit LogTag(const char* text) {
     if (text == nullptr) {
       text = "Mendline";
@@ -69,6 +70,7 @@ class InternalLogger {
 
  private:
   void openLogFile();
+  void closeLogFile();
   void rotate();
 
   // A plain field, by design without a lock; every access is one relaxed atomic load or store.

@@ -18,8 +18,8 @@
 namespace mendline {
 namespace {
 
-const LogTag kTag("ProcessQuery");
-const LogTag kParseTag("ProcessQueryUtil");
+constinit const LogTag kTag("ProcessQuery");
+constinit const LogTag kParseTag("ProcessQueryUtil");
 
 constexpr std::size_t kPathSize = 32;
 constexpr int kStatReadSize = 1023;
@@ -177,6 +177,8 @@ bool ListProcesses(ProcessInfoSet& out) {
     return false;
   }
   while (const dirent* entry = readdir(procfs.get())) {
+    // Required: the first character decides; an entry "12ab" would be read as process 12. Pinned by
+    // ListProcesses.*.
     if (!isDigit(entry->d_name[0])) {
       continue;
     }

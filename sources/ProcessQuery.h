@@ -77,21 +77,24 @@ struct ProcessInfoEqual {
 
 using ProcessInfoSet = std::unordered_set<ProcessInfo, ProcessInfoHash, ProcessInfoEqual>;
 
-// True when the stat file was read and parsed. `out` is meaningful only then.
+// True when the stat file was read and parsed; `out` is meaningful only then. A file that can't be
+// opened is logged at Debug, one that can't be read at Error.
 bool ReadProcessStat(int pid, ProcessStat& out);
 
 // Clears `out` and takes one stat line and the owner into it. A line without a pid at its start is
-// taken with pid 0, after a log line; any other defect is logged and makes the result false.
+// taken with pid 0, after a line at Warn; any other defect is logged at Warn and makes the result
+// false.
 bool parseProcessStat(const char* line, std::uint32_t uid, ProcessStat& out);
 
-// True when the I/O file could be opened; counters that it does not state are 0. The kernel refuses
-// the file of another user's process to whoever may not trace that process.
+// True when the I/O file could be opened; counters that it does not state are 0. Else logs at Debug
+// and leaves `out` alone: the kernel refuses the file of another user's process to whoever may not
+// trace that process.
 bool ReadProcessIo(int pid, ProcessIo& out);
 
 // Takes one line of an I/O file into `io`; lines other than "rchar:" and "wchar:" change nothing.
 void parseProcessIoLine(const char* line, ProcessIo& io);
 
-// True when both files were read; `out` is written only then.
+// True when both files were read; `out` is written only then. Else logs one more line at Debug.
 bool GetProcessInfo(int pid, ProcessInfo& out);
 
 // Adds every readable process to `out`, which is not cleared; a record that is in it already stays

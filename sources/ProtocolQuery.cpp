@@ -6,7 +6,7 @@
 namespace mendline {
 namespace {
 
-const LogTag kTag("ProtocolQuery");
+constinit const LogTag kTag("ProtocolQuery");
 
 }  // namespace
 
@@ -18,6 +18,8 @@ void readProtocolMetrics(const std::vector<std::string>& displayNames,
   void* const base = loadShared(sessionShmBase);
   for (const std::string& display : displayNames) {
     const std::int32_t index = displayIndex(display);
+    // Required: the first display that is none ends the reading of the rest. Pinned by
+    // ReadProtocolMetrics.*.
     if (!isAdmittedIndex(index)) {
       LogWarn(&kTag, "Invalid display number %s", display.c_str());
       return;

@@ -17,7 +17,7 @@
 namespace mendline {
 namespace {
 
-const LogTag kTag("SystemQuery");
+constinit const LogTag kTag("SystemQuery");
 
 constexpr char kStatPath[] = "/proc/stat";
 constexpr char kDiskStatsPath[] = "/proc/diskstats";
@@ -32,10 +32,13 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// getpwuid, getpwnam and getgrnam answer in storage that the next call on any thread overwrites.
-// Held from such a call until its answer has been copied, so that two threads never see each
-// other's user. Nothing is logged under it.
-std::mutex accountMutex;
+// getpwuid, getpwnam and getgrnam answer in storage of their own that the next call of the same
+// function overwrites, on whichever thread. The function's mutex is held from the call until its
+// answer has been copied, so that two threads never see each other's user. One each, so that a
+// request never waits behind the look-ups of a tick. Nothing is logged under them.
+std::mutex userByIdMutex;
+std::mutex userByNameMutex;
+std::mutex groupByNameMutex;
 
 File openForReading(const char* path) {
   File file(std::fopen(path, "r"));
@@ -50,6 +53,7 @@ File openForReading(const char* path) {
 void parseStatLine(const char* line, CpuTimes& out) {
   // The width keeps a long first token inside the buffer; a token that long matches nothing.
   char token[32] = {};
+  static_assert(sizeof(token) == 31 + 1);
   static_cast<void>(std::sscanf(line, "%31s", token));
   if (std::strcmp(token, "cpu") == 0) {
     static_cast<void>(
@@ -96,6 +100,7 @@ void parseDiskStatLine(const char* line, DiskStatLine& record) {
   // The name is scanned into a buffer that holds a whole piece of a line: a width of 31 would stop
   // inside a longer name and take the rest of it for the first counter.
   char name[kLineBufferSize] = {};
+  static_assert(sizeof(name) == 511 + 1 && sizeof(record.name) == 31 + 1);
   const int scanned = std::sscanf(
       line, "%d %d %511s %lu %lu %lu %lu %lu %lu %lu %lu %lu %lu %lu", &record.major, &record.minor,
       name, &record.readsCompleted, &record.readsMerged, &record.sectorsRead, &record.msReading,
@@ -126,7 +131,7 @@ bool readDiskStats(std::vector<DiskStatLine>& out) {
 bool getUserName(std::uint32_t uid, std::string& name) {
   int error = 0;
   {
-    const std::lock_guard lock(accountMutex);
+    const std::lock_guard lock(userByIdMutex);
     if (const passwd* user = getpwuid(uid)) {
       name = user->pw_name;
       return true;
@@ -141,7 +146,7 @@ bool getUserName(std::uint32_t uid, std::string& name) {
 bool getUserId(const std::string& name, std::uint32_t& uid) {
   int error = 0;
   {
-    const std::lock_guard lock(accountMutex);
+    const std::lock_guard lock(userByNameMutex);
     if (const passwd* user = getpwnam(name.c_str())) {
       uid = user->pw_uid;
       return true;
@@ -154,7 +159,7 @@ bool getUserId(const std::string& name, std::uint32_t& uid) {
 }
 
 std::optional<UserIds> findUser(const char* name) {
-  const std::lock_guard lock(accountMutex);
+  const std::lock_guard lock(userByNameMutex);
   if (const passwd* user = getpwnam(name)) {
     return UserIds{.uid = user->pw_uid, .gid = user->pw_gid};
   }
@@ -162,7 +167,7 @@ std::optional<UserIds> findUser(const char* name) {
 }
 
 std::optional<gid_t> findGroup(const char* name) {
-  const std::lock_guard lock(accountMutex);
+  const std::lock_guard lock(groupByNameMutex);
   if (const group* found = getgrnam(name)) {
     return found->gr_gid;
   }

@@ -1,9 +1,11 @@
 // Reads host-wide figures: /proc/stat, /proc/diskstats, /proc/meminfo, sysinfo(2), the page size
 // and the user database.
 //
-// Free functions without state: every call reads its source afresh, from any thread. Unless a
-// declaration says otherwise, a function returns false after it has logged the reason under the tag
-// "SystemQuery", and its outputs are then as they were.
+// Free functions that keep nothing: every call reads its source afresh, from any thread. Unless a
+// declaration says otherwise, a function returns false after it has logged the reason at Error
+// under the tag "SystemQuery", and its outputs are then as they were. The look-ups of users and
+// groups stand here together because the C library's plain forms need a lock each, which the source
+// file holds until an answer is copied.
 #pragma once
 
 #include <sys/types.h>
