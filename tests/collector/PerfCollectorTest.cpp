@@ -1,5 +1,6 @@
 #include "collector/PerfCollector.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,6 +30,43 @@
 #include "tests/collector/CollectorThread.h"
 #include "tests/collector/RecordingGenerator.h"
 #include "tests/sources/LoggedLines.h"
+
+namespace mendline {
+namespace {
+
+// Holds a thread up where it reads the system clock, once.
+struct ClockTrap {
+  std::atomic<bool> armed = false;
+  std::atomic<bool> sprung = false;
+
+  void pass() {
+    if (armed.exchange(false)) {
+      sprung = true;
+      pauseFor(std::chrono::milliseconds(200));
+    }
+  }
+};
+
+ClockTrap& clockTrap() {
+  static ClockTrap trap;
+  return trap;
+}
+
+}  // namespace
+}  // namespace mendline
+
+// The product's objects are part of this program and read this clock, which passes everything on.
+namespace std::chrono {
+inline namespace _V2 {
+
+system_clock::time_point system_clock::now() noexcept {
+  mendline::clockTrap().pass();
+  return reinterpret_cast<time_point (*)() noexcept>(
+      dlsym(RTLD_NEXT, "_ZNSt6chrono3_V212system_clock3nowEv"))();
+}
+
+}  // namespace _V2
+}  // namespace std::chrono
 
 namespace mendline {
 namespace {
@@ -140,6 +178,19 @@ TEST(PerfCollector, StopsAtOnceDuringTheWait) {
     quickest = std::min(quickest, taken);
   }
   EXPECT_LT(quickest, milliseconds(100));
+}
+
+TEST(PerfCollector, StopsAtOnceWhenTheWaitIsJustAboutToBegin) {
+  PrivateHost host;
+  const auto generator = registered();
+  // Between its last look at the request to stop and its sleep the thread reads the system clock.
+  generator->doing([] { clockTrap().armed = true; });
+  ASSERT_TRUE(collector().start());
+  ASSERT_TRUE(eventually([] { return clockTrap().sprung.load(); }));
+  const auto start = realTime();
+  collector().stop();
+  EXPECT_LT(realTime() - start, seconds(5));
+  EXPECT_EQ(generator->finished(), 1u);
 }
 
 TEST(PerfCollector, StopsWhenTheGeneratorsHaveFinishedTheirTick) {

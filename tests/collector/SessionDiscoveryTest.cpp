@@ -201,14 +201,26 @@ TEST_F(SessionDiscoveryOnAnInventedHost, ReadsTheCommandLineOfTheLongestPid) {
   EXPECT_THAT(findSessions(processes), ElementsAre("103"));
 }
 
-TEST_F(SessionDiscoveryOnAnInventedHost, PassesInSilenceOverACommandLineThatCannotBeRead) {
-  add(10, "Xorg", agentsServer(":101"));
-  add(11, "Xorg", agentsServer(":102"));
-  add(12, "Xorg", agentsServer(":103"));
-  add(13, "Xorg", agentsServer(":104"));
-  host.withUnopenable("/proc/10/cmdline").withUnreadable("/proc/11/cmdline");
-  host.syntheticProc().removeProcess(12);
-  EXPECT_THAT(findSessions(processes), ElementsAre("104"));
+TEST_F(SessionDiscoveryOnAnInventedHost, PassesInSilenceOverCommandLinesThatCannotBeRead) {
+  std::vector<std::string> expected;
+  for (std::int32_t pid = 10; pid < 50; ++pid) {
+    add(pid, "Xorg", agentsServer(":" + std::to_string(90 + pid)));
+    const std::string file = "/proc/" + std::to_string(pid) + "/cmdline";
+    switch (pid % 4) {
+      case 0:
+        host.withUnopenable(file);
+        break;
+      case 1:
+        host.withUnreadable(file);
+        break;
+      case 2:
+        host.syntheticProc().removeProcess(pid);
+        break;
+      default:
+        expected.push_back(std::to_string(90 + pid));
+    }
+  }
+  EXPECT_THAT(findSessions(processes), testing::UnorderedElementsAreArray(expected));
   EXPECT_EQ(host.log().text(), "");
 }
 
