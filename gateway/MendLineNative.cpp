@@ -13,7 +13,8 @@ extern "C" JNIEXPORT jstring JNICALL
 Java_com_norvane_vdi_agent_standalone_utility_MendLineNative_forwardAndHandleRequest(
     JNIEnv* env, jobject /*receiver*/, jstring request) {
   const char* characters = env->GetStringUTFChars(request, nullptr);
-  // Required: no test for null; the construction raises std::logic_error. Pinned by
+  // Required: no test for null, which a JVM short of memory gives; the construction then raises
+  // std::logic_error. Pinned by
   // MendLineNative.ANullRequestEndsTheProcess.
   const std::string requestText(characters);
   // Released before anything else: the JVM's buffer is not held while the operation runs.

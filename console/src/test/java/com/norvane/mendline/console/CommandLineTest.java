@@ -1,0 +1,325 @@
+package com.norvane.mendline.console;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.ByteArrayInputStream;
+import java.io.ByteArrayOutputStream;
+import java.io.PrintStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.ValueSource;
+
+/** Whole command lines, from arguments to exit codes, over a library that is not there. */
+class CommandLineTest {
+
+    private static final String CLEAR =
+            "<MendlineOperation><opcode>ClearShm</opcode><display>101</display></MendlineOperation>";
+
+    private final FakeLibrary library = new FakeLibrary();
+    private final LibraryLocation location = new LibraryLocation(null, null);
+    private final ByteArrayOutputStream out = new ByteArrayOutputStream();
+    private final ByteArrayOutputStream err = new ByteArrayOutputStream();
+    private byte[] in = {};
+    private Terminal terminal = new Terminal(false, false, false);
+
+    private int run(String... arguments) {
+        Connection connection = new Connection(library,
+                new SessionTableGuard(previous -> DisplayRange.DEFAULT));
+        return Main.run(new ConsoleContext(new ByteArrayInputStream(in),
+                new PrintStream(out, true, StandardCharsets.UTF_8),
+                new PrintStream(err, true, StandardCharsets.UTF_8), terminal, connection, location,
+                library), arguments);
+    }
+
+    private int shell(String script) {
+        in = script.getBytes(StandardCharsets.UTF_8);
+        return run("shell");
+    }
+
+    private String out() {
+        return out.toString(StandardCharsets.UTF_8);
+    }
+
+    private String err() {
+        return err.toString(StandardCharsets.UTF_8);
+    }
+
+    @ParameterizedTest
+    @ValueSource(strings = {"", "nonsense", "--nonsense", "request", "request a b",
+        "processes --sort name", "processes --limit x", "processes --limit -1", "loglevel a b",
+        "start x", "wait", "exit", "loglevel \u0007"})
+    void wrongCommandLinesEndWithUsage(String line) {
+        assertEquals(ExitCodes.USAGE, run(line.isEmpty() ? new String[0] : line.split(" ")));
+        assertEquals("", out());
+        assertTrue(err().startsWith("mendline: "), err());
+        assertEquals(0, library.requests.size());
+    }
+
+    @ParameterizedTest
+    @ValueSource(strings = {"--help", "request --help", "start -h", "stop --help",
+        "processes --help", "loglevel --help", "shell --help"})
+    void everyCommandHasHelpWithExitCodes(String line) {
+        assertEquals(ExitCodes.OK, run(line.split(" ")));
+        assertTrue(out().contains("Usage: mendline"), out());
+        assertTrue(out().contains("refused by this client"), out());
+        assertEquals(0, library.requests.size());
+    }
+
+    @Test
+    void hasAVersion() {
+        assertEquals(ExitCodes.OK, run("--version"));
+        // The number is in the jar; the launcher's test looks at it.
+        assertTrue(out().startsWith("mendline "), out());
+    }
+
+    @Test
+    void theLibraryOptionWorksBeforeAndBehindTheCommand() {
+        assertEquals(ExitCodes.OK, run("--library", "a.so", "loglevel"));
+        assertEquals(Path.of("a.so"), location.file());
+        assertEquals(ExitCodes.OK, run("loglevel", "--library=b.so"));
+        assertEquals(Path.of("b.so"), location.file());
+    }
+
+    @Test
+    void aLibraryThatCannotBeLoadedIsSaidSo() {
+        library.loadable = false;
+        for (String command : new String[] {"start", "stop", "processes", "loglevel"}) {
+            assertEquals(ExitCodes.UNUSABLE, run(command));
+        }
+        assertTrue(err().contains("cannot load"), err());
+    }
+
+    @Test
+    void requestPrintsTheAnswerToTheByte() {
+        library.canned = FakeLibrary.HEAD + "<INFO>é\u001b\ud800\u0000</INFO><x/>";
+        assertEquals(ExitCodes.OK, run("request", "<anything/>"));
+        assertEquals(FakeLibrary.HEAD + "<INFO>é\u001b\uFFFD\u0000</INFO><x/>", out());
+        assertEquals("<anything/>", library.requests.get(0));
+    }
+
+    @Test
+    void requestTakesNoRiskWithATerminal() {
+        terminal = new Terminal(false, true, false);
+        library.canned = FakeLibrary.HEAD + "<INFO>\u001b[2J\u202e</INFO>";
+        assertEquals(ExitCodes.OK, run("request", "<anything/>"));
+        assertEquals(FakeLibrary.HEAD + "<INFO>\\x1b[2J\\u202e</INFO>\n", out());
+    }
+
+    @Test
+    void requestReadsStandardInput() {
+        in = "<é>\n".getBytes(StandardCharsets.UTF_8);
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("request", "-"));
+        assertEquals("<é>\n", library.requests.get(0));
+        in = new byte[] {'<', (byte) 0xFF};
+        assertEquals(ExitCodes.USAGE, run("request", "-"));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"<INFO/>, 0", "'', 0", "<ERROR>x</ERROR>, 1", "<a/><ERROR/>, 1", "<INFO>x, 3",
+        "<a><ERROR/></a>, 0"})
+    void requestExitsByTheAnswerAndPrintsItInAnyCase(String body, int code) {
+        library.canned = FakeLibrary.HEAD + body;
+        assertEquals(code, run("request", "<anything/>"));
+        assertEquals(FakeLibrary.HEAD + body, out());
+    }
+
+    @Test
+    void anAbsentAnswerIsNotPrintedAsOne() {
+        library.canned = "";
+        assertEquals(ExitCodes.UNUSABLE, run("request", "<anything/>"));
+        assertEquals("", out());
+    }
+
+    @Test
+    void requestRefusesWhatWouldCrash() {
+        assertEquals(ExitCodes.REFUSED, run("request", CLEAR));
+        assertEquals(0, library.requests.size());
+        assertTrue(err().contains("session table"), err());
+    }
+
+    @Test
+    void startAloneStaysAndStopsInTheEnd() {
+        assertEquals(ExitCodes.OK, run("start"));
+        assertEquals(1, library.sleptForever);
+        assertEquals("Succeed to start collector\n", out());
+        assertTrue(err().contains("mendline shell"), err());
+        assertEquals(1, library.count("StopCollector"));
+    }
+
+    @Test
+    void aFailedStartDoesNotStay() {
+        library.startFails = true;
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("start"));
+        assertEquals(0, library.sleptForever);
+        assertEquals("mendline: Failed to start collector\n", err());
+    }
+
+    @Test
+    void stopAloneHints() {
+        assertEquals(ExitCodes.OK, run("stop"));
+        assertEquals("Finish to stop collector\n", out());
+        assertTrue(err().contains("mendline shell"), err());
+    }
+
+    @Test
+    void loglevelShowsAndSets() {
+        assertEquals(ExitCodes.OK, run("loglevel"));
+        assertEquals("INFO\n", out());
+        assertEquals(ExitCodes.OK, run("loglevel", "DEBUG"));
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("loglevel", "X"));
+        assertTrue(err().endsWith("mendline: Invalid loglevel X\n"), err());
+    }
+
+    @Test
+    void textsOfTheLibraryReachNoTerminalRaw() {
+        library.canned = FakeLibrary.HEAD + "<ERROR>\u202e\u009b\n</ERROR>";
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("loglevel", "X"));
+        assertEquals("mendline: \\u202e\\x9b\\x0a\n", err());
+        library.canned = FakeLibrary.HEAD + "<LOGLEVEL>\u202e</LOGLEVEL>";
+        assertEquals(ExitCodes.OK, run("loglevel"));
+        assertEquals("\\u202e\n", out());
+    }
+
+    @Test
+    void processesAloneWaitsForRealFiguresAndStops() {
+        long before = library.now();
+        assertEquals(ExitCodes.OK, run("processes", "--limit=1"));
+        assertTrue(library.now() - before >= 30_000);
+        assertEquals(1, library.count("StartCollector"));
+        assertEquals(1, library.count("StopCollector"));
+        String[] lines = out().split("\n");
+        assertEquals(3, lines.length, out());
+        assertTrue(lines[0].startsWith("1 of 2 processes by cpu, tick at "), lines[0]);
+        assertTrue(lines[2].matches(" +2 +alice +20 +2\\.4 KiB +77 B +16m40s +sec\uFFFDond"), lines[2]);
+    }
+
+    @Test
+    void processesSortsAndPrintsJson() {
+        assertEquals(ExitCodes.OK, run("processes", "--sort", "mem", "--json"));
+        assertTrue(out().matches("\\{\"timestamp\":\\d+,\"processes\":\\[\\{\"id\":1,.*\"id\":2.*]}\n"),
+                out());
+    }
+
+    @Test
+    void processesStopsTheCollectorWhenNoTickComes() {
+        library.ticks = false;
+        assertEquals(ExitCodes.UNUSABLE, run("processes"));
+        assertEquals(1, library.count("StopCollector"));
+    }
+
+    @Test
+    void aFailedStartEndsProcesses() {
+        library.startFails = true;
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("processes"));
+        assertEquals("", out());
+    }
+
+    @Test
+    void theShellKeepsOneCollector() {
+        assertEquals(ExitCodes.OK, shell("start\nwait 2\nprocesses --limit 15\nstop\n"));
+        assertEquals(1, library.count("StartCollector"));
+        assertEquals(1, library.count("StopCollector"));
+        assertEquals(0, library.sleptForever);
+        assertTrue(out().startsWith("Succeed to start collector\nall 2 processes"), out());
+        assertTrue(out().endsWith("Finish to stop collector\n"), out());
+        assertTrue(out().contains(" 20 "), out());
+        assertFalse(err().contains("mendline>"), err());
+    }
+
+    @Test
+    void theFirstWaitCountsATickThatHasAlreadyCome() {
+        library.startTakes = 500;
+        long before = library.now();
+        assertEquals(ExitCodes.OK, shell("start\nwait 2\n"));
+        assertTrue(library.now() - before < 32_000, "took " + (library.now() - before));
+        // The next wait is for a tick that is still to come.
+        before = library.now();
+        assertEquals(ExitCodes.OK, shell("start\nwait\nwait\n"));
+        assertTrue(library.now() - before > 29_000, "took " + (library.now() - before));
+    }
+
+    @Test
+    void theShellStopsWhatWasLeftRunning() {
+        assertEquals(ExitCodes.OK, shell("start\nexit\nloglevel\n"));
+        assertEquals(1, library.count("StopCollector"));
+        assertEquals(0, library.count("GetLogLevel"));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"loglevel, 0", "nonsense, 2", "loglevel X;loglevel, 1", "nonsense;loglevel X, 1",
+        "loglevel X;nonsense;loglevel, 2", "request '" + CLEAR + "', 4", "\"unclosed;loglevel, 2",
+        "processes, 4", "start;processes, 4", "wait, 4", "start;wait 0, 2", "request -, 2",
+        "start;processes --watch, 2", "# nothing, 0", "'', 0", "quit;nonsense, 0", "help, 0",
+        "help wait, 0", "processes --help, 0", "shell, 2"})
+    void theShellGoesOnAndExitsWithTheLastFailure(String script, int code) {
+        assertEquals(code, shell(script.replace(';', '\n')));
+    }
+
+    @Test
+    void theShellSaysWhyThereAreNoFigures() {
+        shell("processes\nstart\nprocesses\nwait\nprocesses\nstop\nprocesses\n");
+        assertTrue(err().contains("no collector has been started"), err());
+        assertTrue(err().contains("first tick is still to come"), err());
+        assertTrue(err().contains("a first tick reads 0"), err());
+        assertTrue(err().contains("figures of its last tick"), err());
+    }
+
+    @Test
+    void theShellLetsTheTableBeReachedOnlyWhileACollectorRuns() {
+        String clear = "request '" + CLEAR + "'\n";
+        assertEquals(ExitCodes.OK, shell("start\n" + clear));
+        assertEquals(ExitCodes.REFUSED, shell("start\nstop\n" + clear));
+        assertEquals(1, library.count("ClearShm"));
+    }
+
+    @Test
+    void anInteractiveShellPromptsOnStandardErrorAndSucceeds() {
+        terminal = new Terminal(true, false, true);
+        assertEquals(ExitCodes.OK, shell("nonsense\n"));
+        assertTrue(err().startsWith("mendline> mendline: unknown command"), err());
+        assertEquals("", out());
+    }
+
+    @Test
+    void watchingInTheShellEndsWithEnter() {
+        terminal = new Terminal(true, false, true);
+        // Input is at hand at once, so the watch ends after its first table and takes that line.
+        assertEquals(ExitCodes.OK, shell("start\nwait 2\nprocesses --watch --json\n\nloglevel\n"));
+        assertEquals(1, out().split("\"timestamp\"", -1).length - 1);
+        assertTrue(out().endsWith("INFO\n"), out());
+    }
+
+    @Test
+    void watchingAloneShowsTickAfterTickUntilOutputIsGone() {
+        PrintStream closing = new PrintStream(out, true, StandardCharsets.UTF_8) {
+            @Override
+            public boolean checkError() {
+                return library.now() > 130_000;
+            }
+        };
+        Connection connection = new Connection(library,
+                new SessionTableGuard(previous -> DisplayRange.DEFAULT));
+        int code = Main.run(new ConsoleContext(new ByteArrayInputStream(in), closing,
+                new PrintStream(err, true, StandardCharsets.UTF_8), terminal, connection, location,
+                library), "processes", "--watch", "--json");
+        assertEquals(ExitCodes.OK, code);
+        assertEquals(4, out().lines().count(), out());
+        assertEquals(4, out().lines().distinct().count(), out());
+        assertEquals(1, library.count("StopCollector"));
+    }
+
+    @Test
+    void aDefectIsToldApartFromTheRest() {
+        library.onSleep = () -> {
+            throw new IllegalStateException("broken\u001b");
+        };
+        assertEquals(ExitCodes.INTERNAL, run("processes"));
+        assertTrue(err().contains("internal error"), err());
+        assertFalse(err().contains("\u001b"), err());
+    }
+}

@@ -1,0 +1,62 @@
+#!/bin/sh
+# The launcher and the jar as a user runs them, as far as they go without the native library.
+# usage: launcher-test.sh LAUNCHER
+launcher=$1
+work=$(mktemp -d) || exit 1
+trap 'rm -rf "$work"' EXIT
+failures=0
+unset MENDLINE_LIBRARY
+
+# expect WHAT CODE OUT-PATTERN ERR-PATTERN ARGUMENT...; an empty pattern means an empty stream
+expect() {
+    what=$1 code=$2 out=$3 err=$4
+    shift 4
+    "$launcher" "$@" >"$work/out" 2>"$work/err" </dev/null
+    got=$?
+    if [ "$got" -ne "$code" ]; then
+        echo "FAILED: $what: exit code $got instead of $code"
+        failures=$((failures + 1))
+    fi
+    for stream in out err; do
+        eval "pattern=\$$stream"
+        if [ -z "$pattern" ]; then
+            [ ! -s "$work/$stream" ] && continue
+        else
+            grep -q -- "$pattern" "$work/$stream" && continue
+        fi
+        echo "FAILED: $what: standard $stream does not match '$pattern':"
+        cat "$work/$stream"
+        failures=$((failures + 1))
+    done
+}
+
+clear='<MendlineOperation><opcode>ClearShm</opcode></MendlineOperation>'
+
+expect 'help' 0 '^Exit codes:' '' --help
+expect 'version' 0 '^mendline [0-9]' '' --version
+expect 'unknown command' 2 '' 'unknown command' nonsense
+expect 'missing library by option' 3 '' "load the library $work/none.so" --library "$work/none.so" loglevel
+expect 'guard before loading' 4 '' 'session table' --library "$work/none.so" request "$clear"
+expect 'shell at its end' 0 '' '' shell
+
+MENDLINE_LIBRARY=$work/other.so
+export MENDLINE_LIBRARY
+expect 'missing library by environment' 3 '' "load the library $work/other.so" loglevel
+expect 'the option wins' 3 '' "load the library $work/none.so" --library "$work/none.so" loglevel
+
+: >"$work/empty.so"
+expect 'no library at all' 3 '' 'cannot load the library' --library "$work/empty.so" loglevel
+
+# What a JVM says about its options would land in the caller's output if the launcher let it.
+JAVA_TOOL_OPTIONS=-Dx=y JDK_JAVA_OPTIONS=-Dx=z
+export JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS
+expect 'options in the environment' 0 '^mendline [0-9]' '' --version
+unset JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS
+
+# Arguments outside ASCII must survive a locale that has nothing else.
+LC_ALL=C
+export LC_ALL
+expect 'arguments in the C locale' 2 '' 'unknown command or option: é$' é
+
+[ "$failures" -eq 0 ] || exit 1
+echo 'all passed'
