@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -26,7 +27,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <latch>
+#include <functional>
 #include <map>
 #include <memory>
 #include <new>
@@ -39,6 +40,7 @@
 #include <vector>
 
 #include "Error.h"
+#include "Eventually.h"
 #include "FailingSyscalls.h"
 #include "FakeJvm.h"
 #include "HostPaths.h"
@@ -976,17 +978,19 @@ class RotationAmongThreads : public InternalLoggerRotation {
  protected:
   static constexpr int kThreads = 6;
 
-  static void logFromManyThreads(InternalLogger& logger, int linesPerThread) {
-    std::latch start(kThreads);
+  // Until there is enough: how many lines are lost to rotations, nobody knows.
+  static void logFromManyThreads(InternalLogger& logger, const std::function<bool()>& enough) {
+    std::atomic<bool> stopping = false;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&logger, &start, t, linesPerThread] {
-        start.arrive_and_wait();
-        for (int i = 0; i < linesPerThread; ++i) {
+      threads.emplace_back([&logger, &stopping, t] {
+        for (int i = 0; !stopping; ++i) {
           logTo(logger, LogLevel::Error, &kTag, "%d %d .", t, i);
         }
       });
     }
+    EXPECT_TRUE(rig::eventually(enough, std::chrono::seconds(20)));
+    stopping = true;
     for (std::thread& thread : threads) {
       thread.join();
     }
@@ -1015,7 +1019,10 @@ TEST_F(InternalLoggerRotationAmongThreads, TearsNoLine) {
   const off_t start = kLastPositionWithoutRotation - 20000;
   makeLog(start);
   InternalLogger logger;
-  logFromManyThreads(logger, 500);
+  logFromManyThreads(logger, [] {
+    return std::filesystem::exists(rig::kLogBackup) && std::filesystem::exists(rig::kLogFile) &&
+           sizeOf(rig::kLogFile) > 20000;
+  });
   const std::vector<std::string> before = linesOf(contentOf(rig::kLogBackup, start));
   const std::vector<std::string> after = linesOf(log());
   EXPECT_FALSE(before.empty());
@@ -1033,7 +1040,8 @@ TEST_F(InternalLoggerRotationAmongThreads, TearsNoLineWhenEveryOneRotates) {
   {
     const StandardErrorInFile errors;
     InternalLogger logger;
-    logFromManyThreads(logger, 1500);
+    logFromManyThreads(logger,
+                       [] { return sizeOf(rig::kLogFile) > kFirstPositionWithRotation + 400000; });
     lines = linesOf(contentOf(rig::kLogFile, kFirstPositionWithRotation));
     for (const std::string& line : linesOf(errors.text())) {
       ASSERT_EQ(line + "\n", notRenamed(EISDIR));

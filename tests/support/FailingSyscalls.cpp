@@ -92,8 +92,7 @@ ArgumentMatch whenArgumentHas(unsigned index, std::uint64_t mask, std::uint64_t 
 void failSyscall(long number, int error, std::initializer_list<ArgumentMatch> matches) {
   FilterProgram filter(number, error, matches);
   const sock_fprog program = filter.program();
-  long result =
-      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);
+  long result = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);
   if (result != 0 && errno == EACCES) {
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     result = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);

@@ -30,7 +30,9 @@ class FailingSyscalls : public testing::Test {
   }
 };
 
-int privateSegment() { return shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600); }
+int privateSegment() {
+  return shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+}
 
 TEST_F(FailingSyscalls, FailsTheChosenCallWithTheChosenError) {
   EXPECT_TRUE(rig::inChild([] {

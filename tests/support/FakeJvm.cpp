@@ -35,7 +35,9 @@ FakeEnvironment& behind(JNIEnv* environment) {
   return *static_cast<FakeEnvironment*>(environment);
 }
 
-jstring asJava(FakeString* text) { return reinterpret_cast<jstring>(text); }
+jstring asJava(FakeString* text) {
+  return reinterpret_cast<jstring>(text);
+}
 
 const char* JNICALL acquire(JNIEnv* environment, jstring text, jboolean* isCopy) {
   FakeEnvironment& fake = behind(environment);
@@ -54,9 +56,8 @@ const char* JNICALL acquire(JNIEnv* environment, jstring text, jboolean* isCopy)
 void JNICALL release(JNIEnv* environment, jstring text, const char* characters) {
   FakeEnvironment& fake = behind(environment);
   ++fake.call.released;
-  const auto found =
-      std::find_if(fake.held.begin(), fake.held.end(),
-                   [&](const auto& copy) { return copy->c_str() == characters; });
+  const auto found = std::find_if(fake.held.begin(), fake.held.end(),
+                                  [&](const auto& copy) { return copy->c_str() == characters; });
   if (found == fake.held.end() || text != asJava(&fake.request)) {
     fake.call.soundRelease = false;
     return;
@@ -97,9 +98,8 @@ Call callExported(ExportedFunction function, const std::string& request,
       reinterpret_cast<Exported>(function)(&fake, reinterpret_cast<jobject>(&object),
                                            refusals.nullRequest ? nullptr : asJava(&fake.request));
   if (answer != nullptr) {
-    const auto found = std::find_if(fake.made.begin(), fake.made.end(), [&](const auto& text) {
-      return asJava(text.get()) == answer;
-    });
+    const auto found = std::find_if(fake.made.begin(), fake.made.end(),
+                                    [&](const auto& text) { return asJava(text.get()) == answer; });
     fake.call.soundAnswer = found != fake.made.end();
     if (fake.call.soundAnswer) {
       fake.call.answer = (*found)->text;

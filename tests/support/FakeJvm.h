@@ -23,8 +23,8 @@ struct Call {
   int acquired = 0;                   // calls of GetStringUTFChars that returned characters
   int released = 0;                   // calls of ReleaseStringUTFChars
   int created = 0;                    // calls of NewStringUTF
-  bool soundRelease = true;  // every release named this request and characters still held
-  bool soundAnswer = true;   // the string returned is null or one that NewStringUTF made
+  bool soundRelease = true;           // every release named this request and characters still held
+  bool soundAnswer = true;            // the string returned is null or one that NewStringUTF made
 
   // Everything that was acquired has been given back, once.
   bool balanced() const { return acquired == released && soundRelease; }

@@ -26,7 +26,6 @@ inline constexpr const char* kProductDirectory = "/usr/lib/norvane";
 inline constexpr const char* kKeyDirectory = "/usr/lib/norvane/tarnhost/mendline";
 inline constexpr const char* kKeyFile = "/usr/lib/norvane/tarnhost/mendline/mendLineShm";
 inline constexpr const char* kXConfigDirectory = "/usr/lib/norvane/tarnhost/resources/X11";
-inline constexpr const char* kXConfigFile =
-    "/usr/lib/norvane/tarnhost/resources/X11/xorg.conf";
+inline constexpr const char* kXConfigFile = "/usr/lib/norvane/tarnhost/resources/X11/xorg.conf";
 
 }  // namespace mendline::rig

@@ -15,7 +15,9 @@
 namespace mendline::rig {
 namespace {
 
-std::string selfPath(const char* entry) { return std::string(kTrueProc) + "/self/" + entry; }
+std::string selfPath(const char* entry) {
+  return std::string(kTrueProc) + "/self/" + entry;
+}
 
 std::size_t countEntries(const std::string& path) {
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
@@ -49,7 +51,9 @@ std::size_t threadCount() {
 }
 
 // One less: the descriptor that lists the others.
-std::size_t openFileCount() { return countEntries(selfPath("fd")) - 1; }
+std::size_t openFileCount() {
+  return countEntries(selfPath("fd")) - 1;
+}
 
 std::size_t attachmentCount() {
   std::ifstream maps(selfPath("maps"));

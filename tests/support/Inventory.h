@@ -28,7 +28,7 @@ struct Segment {
   key_t key = 0;
   uid_t owner = 0;
   gid_t group = 0;
-  mode_t mode = 0;  // permission bits
+  mode_t mode = 0;       // permission bits
   bool removed = false;  // marked for removal, alive only as long as it is attached
   std::size_t size = 0;
   std::size_t attachments = 0;  // over all processes

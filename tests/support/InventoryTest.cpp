@@ -17,7 +17,9 @@ using namespace mendline;
 
 namespace {
 
-TEST(Inventory, StartsWithoutSegments) { EXPECT_TRUE(rig::segments().empty()); }
+TEST(Inventory, StartsWithoutSegments) {
+  EXPECT_TRUE(rig::segments().empty());
+}
 
 TEST(Inventory, DescribesASegment) {
   rig::PrivateHost host;

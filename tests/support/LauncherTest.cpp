@@ -27,7 +27,9 @@ rig::Run launch(std::vector<std::string> arguments) {
   return rig::Program(std::move(arguments)).run();
 }
 
-rig::Run shell(const std::string& script) { return launch({"--", "/bin/sh", "-c", script}); }
+rig::Run shell(const std::string& script) {
+  return launch({"--", "/bin/sh", "-c", script});
+}
 
 std::string readAll(const std::string& path) {
   std::ifstream file(path);
@@ -48,11 +50,10 @@ TEST(Launcher, ReportsADeathBySignal) {
 }
 
 TEST(Launcher, PassesInputOutputAndArgumentsOn) {
-  const rig::Run run =
-      rig::Program({PRIVATE_HOST_PROGRAM, "/bin/sh", "-c", "cat; printf '[%s]' \"$@\" >&2", "sh",
-                    "", "a b", "--user"})
-          .withInput("text")
-          .run();
+  const rig::Run run = rig::Program({PRIVATE_HOST_PROGRAM, "/bin/sh", "-c",
+                                     "cat; printf '[%s]' \"$@\" >&2", "sh", "", "a b", "--user"})
+                           .withInput("text")
+                           .run();
   EXPECT_EQ(run.output, "text");
   EXPECT_EQ(run.errors, "[][a b][--user]");
 }
@@ -80,9 +81,9 @@ TEST(Launcher, NeedsRoot) {
 }
 
 TEST(Launcher, MakesTheProductsFolders) {
-  const rig::Run run =
-      shell("ls -d /var/log/norvane /etc/norvane /usr/lib/norvane/tarnhost/mendline "
-            "/usr/lib/norvane/tarnhost/resources/X11");
+  const rig::Run run = shell(
+      "ls -d /var/log/norvane /etc/norvane /usr/lib/norvane/tarnhost/mendline "
+      "/usr/lib/norvane/tarnhost/resources/X11");
   EXPECT_EQ(run.exitStatus, 0) << run.errors;
 }
 
@@ -117,10 +118,9 @@ TEST(Launcher, EndsWhatTheProgramLeavesBehind) {
     const rig::Run run = launch(
         {option, "--", "/bin/sh", "-c", "(setsid sleep " + mark + " >/dev/null 2>&1 &) ; exit 3"});
     EXPECT_EQ(run.exitStatus, 3);
-    EXPECT_EQ(rig::Program({"/bin/sh", "-c", "grep -lzx " + mark + " /proc/[0-9]*/cmdline"})
-                  .run()
-                  .output,
-              "")
+    EXPECT_EQ(
+        rig::Program({"/bin/sh", "-c", "grep -lzx " + mark + " /proc/[0-9]*/cmdline"}).run().output,
+        "")
         << option;
   }
 }
@@ -159,8 +159,8 @@ TEST(Launcher, LeavesNothingBehind) {
   ASSERT_EQ(run.exitStatus, 0) << run.errors;
   EXPECT_EQ(readAll("/proc/self/mounts"), mounts);
   EXPECT_EQ(readAll("/etc/passwd"), passwd);
-  for (const char* path : {"/etc/norvane/config", "/usr/lib/norvane/new", "/var/log/norvane/new",
-                           "/run/new"}) {
+  for (const char* path :
+       {"/etc/norvane/config", "/usr/lib/norvane/new", "/var/log/norvane/new", "/run/new"}) {
     EXPECT_NE(access(path, F_OK), 0) << path;
   }
   EXPECT_TRUE(rig::segments().empty());
@@ -169,13 +169,12 @@ TEST(Launcher, LeavesNothingBehind) {
 TEST(Launcher, WorksWhereOverlaysStackNoDeeper) {
   // This test's own host is the first level; overlayfs gives up at the third at the latest.
   const std::string passwd = readAll("/etc/passwd");
-  const rig::Run run =
-      launch({PRIVATE_HOST_PROGRAM, PRIVATE_HOST_PROGRAM, "--user", "erin:3001", "--", "/bin/sh",
-              "-c",
-              "grep -E ' /(etc|usr/lib) ' /proc/mounts | tail -n 2 | cut -d ' ' -f 3; id -u erin; "
-              "id -u qrsflare; ls -d /usr/lib/norvane/tarnhost/mendline && ls /etc/ld.so.cache && "
-              "echo x > /etc/norvane/config && mv /etc/norvane/config /etc/new && "
-              "cp /etc/passwd /etc/p && mv /etc/p /etc/passwd"});
+  const rig::Run run = launch(
+      {PRIVATE_HOST_PROGRAM, PRIVATE_HOST_PROGRAM, "--user", "erin:3001", "--", "/bin/sh", "-c",
+       "grep -E ' /(etc|usr/lib) ' /proc/mounts | tail -n 2 | cut -d ' ' -f 3; id -u erin; "
+       "id -u qrsflare; ls -d /usr/lib/norvane/tarnhost/mendline && ls /etc/ld.so.cache && "
+       "echo x > /etc/norvane/config && mv /etc/norvane/config /etc/new && "
+       "cp /etc/passwd /etc/p && mv /etc/p /etc/passwd"});
   EXPECT_EQ(run.exitStatus, 0) << run.errors;
   EXPECT_EQ(run.output,
             "tmpfs\ntmpfs\n3001\n6104\n/usr/lib/norvane/tarnhost/mendline\n/etc/ld.so.cache\n");

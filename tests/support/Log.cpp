@@ -61,8 +61,7 @@ std::string describe(std::string_view level, std::string_view tag, std::string_v
 LogRecord parseLogLine(const std::string& line) {
   LogRecord record;
   const std::size_t dateEnd = line.find(' ');
-  const std::size_t timeEnd =
-      dateEnd == std::string::npos ? dateEnd : line.find(' ', dateEnd + 1);
+  const std::size_t timeEnd = dateEnd == std::string::npos ? dateEnd : line.find(' ', dateEnd + 1);
   const std::size_t threadStart =
       timeEnd == std::string::npos ? timeEnd : line.find(" <", timeEnd + 1);
   const std::size_t threadEnd =
@@ -132,17 +131,16 @@ testing::AssertionResult Log::hasNot(std::string_view level, std::string_view ta
   if (count(level, tag, text) == 0) {
     return testing::AssertionSuccess();
   }
-  return testing::AssertionFailure() << "unexpected " << describe(level, tag, text)
-                                     << " in the log:\n"
-                                     << this->text() << "(end of log)";
+  return testing::AssertionFailure()
+         << "unexpected " << describe(level, tag, text) << " in the log:\n"
+         << this->text() << "(end of log)";
 }
 
 std::size_t Log::count(std::string_view level, std::string_view tag, std::string_view text) const {
   const std::vector<LogRecord> all = records();
   return static_cast<std::size_t>(
-      std::count_if(all.begin(), all.end(), [&](const LogRecord& record) {
-        return matches(record, level, tag, text);
-      }));
+      std::count_if(all.begin(), all.end(),
+                    [&](const LogRecord& record) { return matches(record, level, tag, text); }));
 }
 
 testing::AssertionResult Log::willHave(std::string_view level, std::string_view tag,

@@ -26,11 +26,11 @@ TEST(LogLine, HasFiveParts) {
 }
 
 TEST(LogLine, OfAnotherFormIsAllMessage) {
-  for (const char* line : {"", "plain text", "2026-03-09 14:05:31:42 Info <7f> [Tag] short padding",
-                           "2026-3-9 14:05:31:42 Debug <7f> [Tag] text",
-                           "2026-03-09 14:05:31: Debug <7f> [Tag] text",
-                           "2026-03-09 14:05:31:42 Debug 7f [Tag] text",
-                           "2026-03-09 14:05:31:42 Debug <7f> Tag text"}) {
+  for (const char* line :
+       {"", "plain text", "2026-03-09 14:05:31:42 Info <7f> [Tag] short padding",
+        "2026-3-9 14:05:31:42 Debug <7f> [Tag] text", "2026-03-09 14:05:31: Debug <7f> [Tag] text",
+        "2026-03-09 14:05:31:42 Debug 7f [Tag] text",
+        "2026-03-09 14:05:31:42 Debug <7f> Tag text"}) {
     const rig::LogRecord record = rig::parseLogLine(line);
     EXPECT_FALSE(record.wellFormed()) << line;
     EXPECT_EQ(record.message, line);

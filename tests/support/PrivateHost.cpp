@@ -208,7 +208,9 @@ PrivateHost& PrivateHost::withConfig(const std::string& text) {
   return withFile(kConfigFile, text);
 }
 
-PrivateHost& PrivateHost::withoutConfig() { return without(kConfigFile); }
+PrivateHost& PrivateHost::withoutConfig() {
+  return without(kConfigFile);
+}
 
 PrivateHost& PrivateHost::withUser(const std::string& name, uid_t uid) {
   const std::string users = contentOf("/etc/passwd").value_or("");

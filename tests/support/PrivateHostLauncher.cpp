@@ -379,8 +379,7 @@ int main(int argc, char** argv) {
          "this one program. Run it with sudo, or as root of a container started with "
          "'--privileged'.");
   }
-  const int namespaces =
-      CLONE_NEWNS | CLONE_NEWIPC | (options.keepProcesses ? 0 : CLONE_NEWPID);
+  const int namespaces = CLONE_NEWNS | CLONE_NEWIPC | (options.keepProcesses ? 0 : CLONE_NEWPID);
   if (unshare(namespaces) != 0) {
     quit(kNotPermitted, std::string("cannot make namespaces: ") + std::strerror(errno) +
                             ". Inside a container, start the container with '--privileged'.");

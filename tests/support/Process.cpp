@@ -93,7 +93,9 @@ Channel& Channel::operator=(Channel&& other) noexcept {
   return *this;
 }
 
-Channel::~Channel() { close(); }
+Channel::~Channel() {
+  close();
+}
 
 void Channel::close() {
   if (descriptor_ >= 0) {
@@ -110,8 +112,8 @@ std::string Channel::request(const std::string& verb, const std::string& payload
   std::string answer(standin::kLongestPacket, '\0');
   const ssize_t size = recv(descriptor_, answer.data(), answer.size(), 0);
   if (size <= 0) {
-    throw Error("stand-in did not answer the order '" + verb + "': " +
-                (size == 0 ? "it has ended" : std::strerror(errno)));
+    throw Error("stand-in did not answer the order '" + verb +
+                "': " + (size == 0 ? "it has ended" : std::strerror(errno)));
   }
   answer.resize(static_cast<std::size_t>(size));
   if (answer[0] != standin::kDone) {
@@ -132,25 +134,39 @@ Process& Process::operator=(Process&& other) noexcept {
   return *this;
 }
 
-Process::~Process() { stop(); }
+Process::~Process() {
+  stop();
+}
 
-std::string Process::stat() const { return readProcFile(pid_, "stat"); }
-std::string Process::io() const { return readProcFile(pid_, "io"); }
-std::uint64_t Process::startTime() const { return statNumber(stat(), 22); }
-char Process::state() const { return statColumn(stat(), 3).at(0); }
+std::string Process::stat() const {
+  return readProcFile(pid_, "stat");
+}
+std::string Process::io() const {
+  return readProcFile(pid_, "io");
+}
+std::uint64_t Process::startTime() const {
+  return statNumber(stat(), 22);
+}
+char Process::state() const {
+  return statColumn(stat(), 3).at(0);
+}
 
 std::uint64_t Process::cpuTicks() const {
   const std::string line = stat();
   return statNumber(line, 14) + statNumber(line, 15);
 }
 
-void Process::rename(const std::string& name) { channel_.request("name", name); }
+void Process::rename(const std::string& name) {
+  channel_.request("name", name);
+}
 
 void Process::burn(std::chrono::milliseconds cpuTime) {
   channel_.request("burn", std::to_string(cpuTime.count()));
 }
 
-void Process::write(std::uint64_t bytes) { channel_.request("write", std::to_string(bytes)); }
+void Process::write(std::uint64_t bytes) {
+  channel_.request("write", std::to_string(bytes));
+}
 
 void Process::read(std::uint64_t bytes) {
   fillScratch(pid_, bytes);
@@ -165,8 +181,9 @@ void Process::send(int signalNumber) const {
 
 bool Process::isRunning() const {
   siginfo_t ended = {};
-  return pid_ > 0 && waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) ==
-                         0 && ended.si_pid == 0;
+  return pid_ > 0 &&
+         waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         ended.si_pid == 0;
 }
 
 void Process::stop() {
@@ -255,8 +272,7 @@ Process ProcessBuilder::start() const {
   std::vector<std::string> environment;
   pid_t pid = 0;
   const int failure = posix_spawn(&pid, STAND_IN_PROGRAM, &actions, nullptr,
-                                  pointersInto(arguments).data(),
-                                  pointersInto(environment).data());
+                                  pointersInto(arguments).data(), pointersInto(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
   if (failure != 0) {
@@ -267,8 +283,7 @@ Process ProcessBuilder::start() const {
   Process process(pid, std::move(channel));
   const Channel& orders = process.channel_;
   if (owner_.has_value()) {
-    orders.request("owner",
-                   std::to_string(owner_->first) + " " + std::to_string(owner_->second));
+    orders.request("owner", std::to_string(owner_->first) + " " + std::to_string(owner_->second));
   }
   if (ignoringSigterm_) {
     orders.request("ignore-sigterm");
@@ -301,7 +316,9 @@ Process ProcessBuilder::start() const {
 Worker::Worker(Process process, int lowestDisplay)
     : process_(std::move(process)), lowestDisplay_(lowestDisplay) {}
 
-void Worker::attach() { process_.channel_.request("attach", kKeyFile); }
+void Worker::attach() {
+  process_.channel_.request("attach", kKeyFile);
+}
 
 void Worker::writes(int display, const SessionRecord& record) {
   attach();
@@ -312,13 +329,14 @@ void Worker::writes(int display, const SessionRecord& record) {
 
 SessionRecord Worker::reads(int display) {
   attach();
-  const std::string bytes =
-      process_.channel_.request("get", std::to_string(indexOf(display)));
+  const std::string bytes = process_.channel_.request("get", std::to_string(indexOf(display)));
   SessionRecord record;
   std::memcpy(&record, bytes.data(), sizeof record);
   return record;
 }
 
-void Worker::detach() { process_.channel_.request("detach"); }
+void Worker::detach() {
+  process_.channel_.request("detach");
+}
 
 }  // namespace mendline::rig

@@ -9,8 +9,8 @@
 namespace mendline::rig {
 
 struct Run {
-  int exitStatus = -1;  // -1 when a signal ended it
-  int signal = 0;       // 0 when it exited
+  int exitStatus = -1;    // -1 when a signal ended it
+  int signal = 0;         // 0 when it exited
   bool timedOut = false;  // then it was killed
   std::string output;
   std::string errors;

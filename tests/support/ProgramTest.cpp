@@ -14,7 +14,9 @@ using namespace mendline;
 
 namespace {
 
-rig::Program shell(const std::string& script) { return rig::Program({"/bin/sh", "-c", script}); }
+rig::Program shell(const std::string& script) {
+  return rig::Program({"/bin/sh", "-c", script});
+}
 
 TEST(Program, KeepsOutputErrorsAndStatusApart) {
   const rig::Run run = shell("echo out; echo err >&2; exit 5").run();
@@ -50,8 +52,7 @@ TEST(Program, ChangesTheEnvironment) {
 }
 
 TEST(Program, IsKilledWhenItsTimeIsUp) {
-  const rig::Run run =
-      shell("exec sleep 100").withTimeout(std::chrono::milliseconds(100)).run();
+  const rig::Run run = shell("exec sleep 100").withTimeout(std::chrono::milliseconds(100)).run();
   EXPECT_TRUE(run.timedOut);
   EXPECT_EQ(run.signal, SIGKILL);
 }

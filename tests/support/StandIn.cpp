@@ -228,4 +228,6 @@ class StandIn {
 
 }  // namespace
 
-int main() { StandIn().serve(); }
+int main() {
+  StandIn().serve();
+}

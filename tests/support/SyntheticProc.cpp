@@ -52,9 +52,8 @@ std::string StatLine::text() const {
 std::string IoCounters::text() const {
   std::ostringstream lines;
   lines << "rchar: " << rchar << "\nwchar: " << wchar << "\nsyscr: " << syscr
-        << "\nsyscw: " << syscw << "\nread_bytes: " << readBytes
-        << "\nwrite_bytes: " << writeBytes << "\ncancelled_write_bytes: " << cancelledWriteBytes
-        << '\n';
+        << "\nsyscw: " << syscw << "\nread_bytes: " << readBytes << "\nwrite_bytes: " << writeBytes
+        << "\ncancelled_write_bytes: " << cancelledWriteBytes << '\n';
   return lines.str();
 }
 

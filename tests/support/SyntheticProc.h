@@ -19,12 +19,12 @@ struct StatLine {
   std::string name = "process";
   char state = 'S';
   pid_t parent = 1;
-  std::uint64_t userTicks = 0;    // column 14
-  std::uint64_t systemTicks = 0;  // column 15
-  std::int64_t threads = 1;       // column 20
-  std::uint64_t startTime = 0;    // column 22, clock ticks since boot
-  std::uint64_t virtualBytes = 0; // column 23
-  std::int64_t residentPages = 0; // column 24
+  std::uint64_t userTicks = 0;     // column 14
+  std::uint64_t systemTicks = 0;   // column 15
+  std::int64_t threads = 1;        // column 20
+  std::uint64_t startTime = 0;     // column 22, clock ticks since boot
+  std::uint64_t virtualBytes = 0;  // column 23
+  std::int64_t residentPages = 0;  // column 24
 
   std::string text() const;
 };

@@ -18,9 +18,13 @@ Function find(const char* name) {
 
 }  // namespace
 
-bool clockIsQuick() { return dlsym(RTLD_DEFAULT, "tickClockJumpSystem") != nullptr; }
+bool clockIsQuick() {
+  return dlsym(RTLD_DEFAULT, "tickClockJumpSystem") != nullptr;
+}
 
-void jumpSystemClock(long seconds) { find<void (*)(long)>("tickClockJumpSystem")(seconds); }
+void jumpSystemClock(long seconds) {
+  find<void (*)(long)>("tickClockJumpSystem")(seconds);
+}
 
 void failGettimeofday(bool failing) {
   find<void (*)(bool)>("tickClockFailGettimeofday")(failing);

@@ -192,7 +192,9 @@ class Clock {
 };
 
 // Time starts to run quickly when the process starts, not when somebody first asks for it.
-__attribute__((constructor)) void startClock() { Clock::instance(); }
+__attribute__((constructor)) void startClock() {
+  Clock::instance();
+}
 
 }  // namespace
 
@@ -236,7 +238,9 @@ EXPORTED int gettimeofday(timeval* now, void* zone) noexcept {
   return Clock::instance().timeOfDay(now, zone, __builtin_return_address(0));
 }
 
-EXPORTED void tickClockJumpSystem(long seconds) { Clock::instance().jump(seconds); }
+EXPORTED void tickClockJumpSystem(long seconds) {
+  Clock::instance().jump(seconds);
+}
 
 EXPORTED void tickClockFailGettimeofday(bool failing) {
   Clock::instance().failGettimeofday(failing);

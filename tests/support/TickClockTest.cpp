@@ -134,9 +134,8 @@ TEST_F(TickClock, SleepsStayReal) {
 
 TEST_F(TickClock, ServesTheProductsLibraryInAnyProgram) {
   rig::PrivateHost host;
-  const rig::Run run = host.program({REQUEST_DRIVER_PROGRAM, ECHO_LIBRARY})
-                           .withInput("wait thirty seconds\n")
-                           .run();
+  const rig::Run run =
+      host.program({REQUEST_DRIVER_PROGRAM, ECHO_LIBRARY}).withInput("wait thirty seconds\n").run();
   ASSERT_EQ(run.outputLines().size(), 1U) << run.errors;
   EXPECT_GE(std::stol(run.output), 45);
   EXPECT_LT(std::stol(run.output), 1000);

@@ -21,8 +21,8 @@ class WorkerTest : public testing::Test {
  protected:
   void createSegment(int records, uid_t owner) {
     host.withFile(rig::kKeyFile, "");
-    id_ = shmget(ftok(rig::kKeyFile, 104), static_cast<std::size_t>(records) * 80,
-                 IPC_CREAT | 0600);
+    id_ =
+        shmget(ftok(rig::kKeyFile, 104), static_cast<std::size_t>(records) * 80, IPC_CREAT | 0600);
     ASSERT_GE(id_, 0);
     shmid_ds description = {};
     ASSERT_EQ(shmctl(id_, IPC_STAT, &description), 0);
