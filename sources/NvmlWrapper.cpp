@@ -127,7 +127,7 @@ bool NvmlWrapper::openLibrary() {
 }
 
 // Required: the list is not cleared, and every uncommented line counts, in whatever section. Pinned
-// by NvmlWrapper.*BusIds*.
+// by NvmlWrapperOnAHost.*BusIds*.
 void NvmlWrapper::readBusIds() {
   std::ifstream config(kXConfigPath);
   for (std::string line; std::getline(config, line);) {
