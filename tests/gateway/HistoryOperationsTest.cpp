@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "Eventually.h"
 #include "GpuDriver.h"
 #include "PrivateHost.h"
 #include "collector/CollectorControl.h"
@@ -138,6 +142,63 @@ TEST_F(HistoryOperations, LoadWritesWhatIsNotFiniteInLetters) {
 
 TEST_F(HistoryOperations, LoadIgnoresItsRequestsOtherElements) {
   EXPECT_EQ(answer("LbMetrics", "<userName>x</userName><display>y</display>"), answer("LbMetrics"));
+}
+
+// --- Beside a running collector.
+
+class HistoryOperationsTicks : public HistoryOperations {
+ protected:
+  void SetUp() override { ASSERT_TRUE(StartCollector()); }
+  void TearDown() override { StopCollector(); }
+
+  static std::size_t recordsIn(const std::string& report) {
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = report.find("<metric>", at)) != std::string::npos; ++at) {
+      ++count;
+    }
+    return count;
+  }
+};
+
+TEST_F(HistoryOperationsTicks, OneRecordAppearsPerTickUpToThirty) {
+  ASSERT_TRUE(rig::eventually([] { return recordsIn(history("root", "101")) >= 3; }));
+  const std::string report = history("root", "101");
+  EXPECT_EQ(report.compare(0, 26, "<historicalMetrics><metric"), 0) << report;
+  EXPECT_NE(report.find("<mem>"), std::string::npos);
+  ASSERT_TRUE(rig::eventually([] { return recordsIn(history("root", "101")) == 30; },
+                              std::chrono::seconds(30)));
+  EXPECT_FALSE(rig::eventually([] { return recordsIn(history("root", "101")) > 30; },
+                               std::chrono::milliseconds(300)));
+}
+
+TEST_F(HistoryOperationsTicks, TenThreadsGetWholeAnswers) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 10; ++i) {
+    threads.emplace_back([] {
+      for (int round = 0; round < 30; ++round) {
+        const std::string report = history("root", "101");
+        if (!report.empty()) {
+          EXPECT_EQ(report.compare(0, 27, "<historicalMetrics><metric>"), 0);
+          EXPECT_TRUE(report.ends_with("</metric></historicalMetrics>"));
+        }
+        EXPECT_TRUE(answer("LbMetrics").ends_with("</diskQueue></LB>"));
+        EXPECT_TRUE(answer("ProcessMetrics").ends_with("</processMetrics>"));
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+TEST_F(HistoryOperationsTicks, FiguresStayAfterAStop) {
+  ASSERT_TRUE(rig::eventually([] { return recordsIn(history("root", "101")) >= 2; }));
+  StopCollector();
+  const std::string report = history("root", "101");
+  const std::string load = answer("LbMetrics");
+  EXPECT_GE(recordsIn(report), 2U);
+  EXPECT_EQ(history("root", "101"), report);
+  EXPECT_EQ(answer("LbMetrics"), load);
 }
 
 // --- GPUs.

@@ -259,6 +259,9 @@ TEST_F(HistoricalMetricsReport, ATimestampThatCannotBeReadIsZero) {
 
 // --- A whole host, read by the real readers.
 
+// Wide enough for every product below.
+__extension__ using Wide = unsigned __int128;
+
 struct FixtureProcess {
   std::uint64_t startTime;
   std::string user;
@@ -304,8 +307,8 @@ class FiveUsersHost : public HistoricalMetricsReport {
   // "cpu mem" of a user as the fixture's own numbers have it, in 128 bits and without the product.
   std::string expected(const std::string& user, const FixtureTick& before, const FixtureTick& now,
                        std::uint64_t elapsed) const {
-    unsigned __int128 ticks = 0;
-    unsigned __int128 pages = 0;
+    Wide ticks = 0;
+    Wide pages = 0;
     bool present = false;
     for (const auto& [pid, process] : now) {
       if (process.user != user) {

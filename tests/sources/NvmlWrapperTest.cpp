@@ -195,7 +195,7 @@ TEST_F(NvmlWrapperOnAHost, MultipliesInUnsignedIntegersThatWrap) {
   driver.withGpu("1:0.0", kUsed + 1, 1000).withGpu("0:1:2.0", 0, 1);
   host.withFile(kXConfig, kTwoGpus);
   ASSERT_TRUE(nvml.init());
-  EXPECT_EQ(usage(), 10.0);
+  EXPECT_EQ(usage(), 0.1);
 }
 
 TEST_F(NvmlWrapperOnAHost, DoesNotGuardAgainstAGpuWithoutMemory) {
