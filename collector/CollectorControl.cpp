@@ -23,6 +23,7 @@
 #include "generators/HistoricalMetricGenerator.h"
 #include "generators/ProcessMetricGenerator.h"
 #include "logging/InternalLogger.h"
+#include "sources/NvmlWrapper.h"
 #include "sources/SystemQuery.h"
 
 namespace mendline {
@@ -211,6 +212,19 @@ void StopCollector() {
     storeShared(sessionShmBase, kNoSegment);
   }
   static_cast<void>(std::remove(kSessionShmKeyFile));
+  if (NvmlWrapper& nvml = NvmlWrapper::getInstance(); nvml.isReady()) {
+    nvml.shutdown();
+  }
+}
+
+bool StartvGPUMemoryCollector() {
+  LogInfo(&kTag, "Enter StartvGPUMemoryCollector");
+  if (!NvmlWrapper::getInstance().init()) {
+    // Required: at Info, not as an error. Pinned by StartvGPUMemoryCollector.*.
+    LogInfo(&kTag, "Failed to execute NvmlInit function");
+    return false;
+  }
+  return true;
 }
 
 void ClearShm(const ptree& request) {

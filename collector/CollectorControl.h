@@ -15,8 +15,13 @@ namespace mendline {
 // attached once more, the former attachment staying.
 bool StartCollector();
 
-// Ends the thread, removes the segment and the key file. Never fails, also when nothing runs.
+// Ends the thread, removes the segment and the key file, and ends NVML if it runs. Never fails,
+// also when nothing runs.
 void StopCollector();
+
+// Starts the GPU memory figures of LbMetrics; true when they are there. They end with
+// StopCollector, and a later StartCollector does not bring them back.
+bool StartvGPUMemoryCollector();
 
 // Zeroes the record of the display that the request names; a display that is missing or no number
 // of the table is logged at Warn. Nothing tests that a segment is attached: without one the process

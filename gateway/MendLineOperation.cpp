@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "collector/CollectorControl.h"
+#include "gateway/HistoryOperations.h"
 #include "gateway/LogLevelOperations.h"
 #include "gateway/ProcessOperations.h"
 #include "logging/InternalLogger.h"
@@ -34,6 +35,14 @@ void stopCollector(const ptree& /*requestTree*/, ptree& responseTree) {
   putResult(responseTree, "INFO", "Finish to stop collector");
 }
 
+void startvGPUMemoryCollector(const ptree& /*requestTree*/, ptree& responseTree) {
+  if (StartvGPUMemoryCollector()) {
+    putResult(responseTree, "INFO", "Finish to start vGPU memory collector");
+  } else {
+    putResult(responseTree, "ERROR", "Failed to start vGPU memory collector");
+  }
+}
+
 // Required: a request that wiped nothing gets the same answer. Pinned by
 // DispatchOperation.*ClearShm*.
 void clearShm(const ptree& requestTree, ptree& responseTree) {
@@ -49,8 +58,11 @@ struct Operation {
 constexpr Operation kOperations[] = {
     {"StartCollector", startCollector},
     {"StopCollector", stopCollector},
+    {"StartvGPUMemoryCollector", startvGPUMemoryCollector},
     {"ClearShm", clearShm},
     {"ProcessMetrics", processMetrics},
+    {"HistoricalMetrics", historicalMetrics},
+    {"LbMetrics", lbMetrics},
     {"GetLogLevel", getLogLevel},
     {"SetLogLevel", setLogLevel},
 };

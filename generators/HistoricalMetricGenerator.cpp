@@ -1,13 +1,17 @@
 #include "generators/HistoricalMetricGenerator.h"
 
+#include <boost/property_tree/ptree.hpp>
 #include <mutex>
 #include <utility>
 
+#include "generators/NumberConversion.h"
 #include "generators/SystemArithmetic.h"
 #include "logging/InternalLogger.h"
 
 namespace mendline {
 namespace {
+
+using boost::property_tree::ptree;
 
 constinit const LogTag kTag("HistoricalMetricGenerator");
 
@@ -94,6 +98,26 @@ void update(const PerfSample& previous, const PerfSample& current, HistoryRecord
   static_cast<void>(getSystemUptime(record.uptime));
 }
 
+// Required: figures are cut to whole numbers, so a share of 0.6 percent is sent as 0 and NaN as
+// 9223372036854775808. Pinned by HistoricalMetricsReport.*.
+ptree metricElement(const HistoryRecord& record, std::uint32_t uid, const std::string& display) {
+  ptree element;
+  element.put("timestamp", decimalText(record.uptime));
+  for (const NamedMetric& metric : record.systemMetrics) {
+    element.put(metric.name, decimalText(truncateToUnsigned(metric.value)));
+  }
+  if (const auto latency = record.sessionMetrics.find(display);
+      latency != record.sessionMetrics.end()) {
+    element.put("flare_latency", decimalText(truncateToSigned(latency->second)));
+  }
+  for (const UserMetric& metric : record.userMetrics) {
+    if (metric.uid == static_cast<std::int32_t>(uid)) {
+      element.put(metric.name, decimalText(truncateToUnsigned(metric.value)));
+    }
+  }
+  return element;
+}
+
 }  // namespace
 
 std::shared_ptr<HistoricalMetricGenerator> HistoricalMetricGenerator::getInstance() {
@@ -113,6 +137,32 @@ void HistoricalMetricGenerator::generate(const PerfSample& sample) {
 LatestSystemFigures HistoricalMetricGenerator::getLatestSystemFigures() {
   const std::lock_guard lock(historyMutex);
   return latestFigures;
+}
+
+bool HistoricalMetricGenerator::getHistoricalMetrics(const std::string& userName,
+                                                     const std::string& display,
+                                                     ptree& responseTree) {
+  const auto generator = getInstance();
+  std::uint32_t uid = 0;
+  if (!getUserId(userName, uid)) {
+    LogError(&kTag, "Failed to find specific user: %s in local system", userName.c_str());
+    return false;
+  }
+  generator->buildReport(uid, display, responseTree);
+  return true;
+}
+
+void HistoricalMetricGenerator::buildReport(std::uint32_t uid, const std::string& display,
+                                            ptree& responseTree) {
+  const std::lock_guard lock(historyMutex);
+  if (history.empty()) {
+    return;
+  }
+  ptree metrics;
+  for (const HistoryRecord& record : history) {
+    metrics.push_back(std::make_pair("metric", metricElement(record, uid, display)));
+  }
+  responseTree.push_back(std::make_pair("historicalMetrics", metrics));
 }
 
 void HistoricalMetricGenerator::appendRecord(const HistoryRecord& record) {

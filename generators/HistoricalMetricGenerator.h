@@ -1,9 +1,10 @@
 // The history of the host, its users and its displays: one record per tick, the last 30 of them,
-// and the latest host figures.
+// the latest host figures, and the report of one user's records.
 //
-// `generate` runs on the collection thread; getLatestSystemFigures on request threads.
+// `generate` runs on the collection thread, everything else on request threads.
 #pragma once
 
+#include <boost/property_tree/ptree_fwd.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -61,11 +62,19 @@ class HistoricalMetricGenerator : public MetricGenerator {
   // A copy, taken under the lock. Works before any tick and without a collector.
   static LatestSystemFigures getLatestSystemFigures();
 
+  // Appends a "historicalMetrics" element to `responseTree`, one "metric" per record, oldest first;
+  // nothing when there is no record. The user's and the display's figures are left out of a record
+  // that lacks them. False, after a line at Error, when the user database has no such user.
+  static bool getHistoricalMetrics(const std::string& userName, const std::string& display,
+                                   boost::property_tree::ptree& responseTree);
+
   // At most this many records are kept, the oldest going first.
   static constexpr std::size_t kMaxRecords = 30;
 
  private:
   void appendRecord(const HistoryRecord& record);
+  void buildReport(std::uint32_t uid, const std::string& display,
+                   boost::property_tree::ptree& responseTree);
 
   // Oldest first. Guarded by historyMutex of the source file.
   std::deque<HistoryRecord> history;

@@ -53,6 +53,20 @@ export JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS
 expect 'options in the environment' 0 '^mendline [0-9]' '' --version
 unset JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS
 
+# The client learns whether the caller's locale has more than ASCII, whatever Java is then told. The
+# stand-in for Java prints to what is exchanged again for the caller's standard output.
+mkdir -p "$work/jdk/bin"
+# shellcheck disable=SC2016 # the stand-in expands them
+printf '#!/bin/sh\necho "$LC_ALL" "$@" >&2\n' >"$work/jdk/bin/java"
+chmod +x "$work/jdk/bin/java"
+JAVA_HOME_BEFORE=${JAVA_HOME-}
+JAVA_HOME=$work/jdk LC_ALL=C
+export JAVA_HOME LC_ALL
+expect 'ASCII in the C locale' 0 '^C.UTF-8 .*-Dmendline.ascii=true ' '' load
+LC_ALL=C.UTF-8
+expect 'blocks in a UTF-8 locale' 0 '^C.UTF-8 .*-Dmendline.ascii=false ' '' load
+JAVA_HOME=$JAVA_HOME_BEFORE
+
 # Arguments outside ASCII must survive a locale that has nothing else.
 LC_ALL=C
 export LC_ALL

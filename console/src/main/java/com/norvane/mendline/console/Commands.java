@@ -24,19 +24,26 @@ final class Commands {
     private static List<ConsoleCommand> common(ConsoleContext context) {
         return List.of(new RequestCommand(context), new StartCommand(context),
                 new StopCommand(context), new ProcessesCommand(context),
+                new HistoryCommand(context), new LoadCommand(context),
                 new LogLevelCommand(context));
+    }
+
+    private static void addCommon(CommandLine commands, ConsoleContext context) {
+        common(context).forEach(commands::addSubcommand);
+        commands.addSubcommand(new CommandLine(new GpuCommand(context))
+                .addSubcommand(new GpuStartCommand(context)));
     }
 
     static CommandLine program(ConsoleContext context) {
         CommandLine program = new CommandLine(new Program(context));
-        common(context).forEach(program::addSubcommand);
+        addCommon(program, context);
         program.addSubcommand(new ShellCommand(context));
         return configure(program, context, "mendline --help");
     }
 
     static CommandLine shell(ConsoleContext context) {
         CommandLine shell = new CommandLine(new Shell(context));
-        common(context).forEach(shell::addSubcommand);
+        addCommon(shell, context);
         shell.addSubcommand(new WaitCommand(context));
         shell.addSubcommand(new HelpCommand());
         return configure(shell, context, "help");

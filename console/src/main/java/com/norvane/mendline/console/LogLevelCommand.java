@@ -1,6 +1,7 @@
 package com.norvane.mendline.console;
 
 import picocli.CommandLine.Command;
+import picocli.CommandLine.Option;
 import picocli.CommandLine.Parameters;
 
 /** Shows or sets how much the library logs. */
@@ -17,6 +18,10 @@ final class LogLevelCommand extends ConsoleCommand {
             description = "VERBOSE, TRACE, DEBUG or INFO, in upper case.")
     private String word;
 
+    @Option(names = "--json",
+            description = "Show the level as one line of JSON; not for setting it.")
+    private boolean json;
+
     LogLevelCommand(ConsoleContext context) {
         super(context);
     }
@@ -24,8 +29,17 @@ final class LogLevelCommand extends ConsoleCommand {
     @Override
     public Integer call() {
         Connection connection = context().connection();
+        if (word == null && json) {
+            String level = connection.ask(Request.of("GetLogLevel")).expect("LOGLEVEL")
+                    .getTextContent();
+            context().out().println("{\"LOGLEVEL\":" + Json.string(level) + "}");
+            return ExitCodes.OK;
+        }
         if (word == null) {
             return print(connection.ask(Request.of("GetLogLevel")), "LOGLEVEL");
+        }
+        if (json) {
+            throw usage("--json is for showing the level");
         }
         Request request;
         try {

@@ -13,6 +13,8 @@ public final class Main {
     /** Set by the launcher when it has exchanged standard output and standard error; see there. */
     private static final String SWAPPED = "mendline.streams.swapped";
     private static final String LIBRARY = "mendline.library";
+    /** Set by the launcher where the user's locale has no UTF-8, which it hides from Java. */
+    private static final String ASCII = "mendline.ascii";
 
     private Main() {
     }
@@ -31,7 +33,9 @@ public final class Main {
         Connection connection = new Connection(new NativeLibrary(location),
                 new SessionTableGuard(
                         previous -> DisplayRange.load(DisplayRange.CONFIGURATION, previous)));
-        Terminal terminal = swapped ? Terminal.detect(2, 1) : Terminal.detect(1, 2);
+        boolean unicode = !Boolean.getBoolean(ASCII);
+        Terminal terminal =
+                swapped ? Terminal.detect(2, 1, unicode) : Terminal.detect(1, 2, unicode);
         ConsoleContext context = new ConsoleContext(new FileInputStream(FileDescriptor.in), out, err,
                 terminal, connection, location, new Pacer.Real());
 

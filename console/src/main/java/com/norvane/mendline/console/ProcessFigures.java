@@ -26,7 +26,7 @@ record ProcessFigures(long timestamp, List<ProcessFigure> processes) {
                 processes.add(process(element));
             }
         }
-        return new ProcessFigures(unsigned(metrics, "timestamp"), List.copyOf(processes));
+        return new ProcessFigures(Fields.unsigned(metrics, "timestamp"), List.copyOf(processes));
     }
 
     boolean none() {
@@ -39,44 +39,9 @@ record ProcessFigures(long timestamp, List<ProcessFigure> processes) {
     }
 
     private static ProcessFigure process(Element element) {
-        return new ProcessFigure(id(element), unsigned(element, "create_time"),
-                text(element, "name"), unsigned(element, "cpu"), unsigned(element, "mem"),
-                unsigned(element, "disk"), text(element, "user_name"));
-    }
-
-    private static String text(Element parent, String name) {
-        for (Node node = parent.getFirstChild(); node != null; node = node.getNextSibling()) {
-            if (node instanceof Element child && child.getTagName().equals(name)) {
-                return child.getTextContent();
-            }
-        }
-        throw Answer.unusable("the library's answer has a " + parent.getTagName() + " element without "
-                + name);
-    }
-
-    private static long id(Element parent) {
-        String text = text(parent, "id");
-        try {
-            return Integer.parseInt(text);
-        } catch (NumberFormatException e) {
-            throw noNumber("id", text);
-        }
-    }
-
-    private static long unsigned(Element parent, String name) {
-        String text = text(parent, name);
-        // parseUnsignedLong would let a plus sign and other scripts' digits pass.
-        if (!text.matches("[0-9]+")) {
-            throw noNumber(name, text);
-        }
-        try {
-            return Long.parseUnsignedLong(text);
-        } catch (NumberFormatException e) {
-            throw noNumber(name, text);
-        }
-    }
-
-    private static ConsoleException noNumber(String name, String text) {
-        return Answer.unusable("the library's answer has no valid number in " + name + ": " + text);
+        return new ProcessFigure(Fields.id(element), Fields.unsigned(element, "create_time"),
+                Fields.text(element, "name"), Fields.unsigned(element, "cpu"),
+                Fields.unsigned(element, "mem"), Fields.unsigned(element, "disk"),
+                Fields.text(element, "user_name"));
     }
 }

@@ -21,7 +21,7 @@ import picocli.CommandLine.Option;
                 + " was stopped and started again, that is the CPU figure of every process.",
             "Characters in names that a terminal would obey or hide are written as \\x1b or \\u202e.",
         })
-final class ProcessesCommand extends ConsoleCommand {
+final class ProcessesCommand extends FiguresCommand {
 
     /** Title, summary and the line of the cursor. */
     private static final int LINES_AROUND = 3;
@@ -50,28 +50,14 @@ final class ProcessesCommand extends ConsoleCommand {
     }
 
     @Override
-    public Integer call() {
+    void check() {
         if (limit != null && limit < 0) {
             throw usage("--limit takes a number that is not negative");
         }
-        return context().inShell() ? showInShell() : showAlone();
     }
 
-    private int showAlone() {
-        context().startCollector();
-        try {
-            context().ticks().await(2, context().takeBaseline(), true, context().countdown(),
-                    () -> false);
-            // Without the check a watch would outlive the pager that it writes to.
-            show(() -> context().out().checkError());
-        } finally {
-            context().connection().ask(Request.of("StopCollector"));
-        }
-        return ExitCodes.OK;
-    }
-
-    private int showInShell() {
-        boolean running = context().connection().collectorMayRun();
+    @Override
+    void checkInShell(boolean running) {
         if (watch && !context().terminal().input()) {
             throw usage("--watch in a shell needs a terminal to be ended from;"
                     + " use wait and processes");
@@ -80,22 +66,15 @@ final class ProcessesCommand extends ConsoleCommand {
             throw new ConsoleException(ExitCodes.REFUSED,
                     "no collector is running in this shell: there is nothing to watch; use start");
         }
-        ProcessFigures figures = ProcessFigures.ask(context().connection());
-        if (figures.none()) {
-            throw new ConsoleException(ExitCodes.REFUSED, running
-                    ? "no figures yet: the collector's first tick is still to come; use wait"
-                    : "no figures: no collector has been started in this shell; use start");
-        }
-        if (!running) {
-            context().hint("the collector is stopped; these are the figures of its last tick");
-        } else if (figures.idle()) {
-            context().hint("no CPU and disk figures at all: a first tick reads 0; use wait");
-        }
-        show(context()::enterPressed);
-        return ExitCodes.OK;
     }
 
-    private void show(BooleanSupplier cancelled) {
+    @Override
+    String firstTick() {
+        return "no CPU and disk figures at all: a first tick reads 0; use wait";
+    }
+
+    @Override
+    void show(BooleanSupplier cancelled) {
         ProcessFigures figures = ProcessFigures.ask(context().connection());
         print(figures);
         while (watch && context().ticks().await(1, figures.timestamp(), false, null, cancelled)) {

@@ -16,8 +16,9 @@ import java.util.regex.Pattern;
  * @param input whether standard input is a terminal
  * @param output whether standard output is one
  * @param error whether standard error is one
+ * @param unicode whether what is shown may go beyond ASCII
  */
-record Terminal(boolean input, boolean output, boolean error) {
+record Terminal(boolean input, boolean output, boolean error, boolean unicode) {
 
     private static final int DEFAULT_COLUMNS = 80;
     private static final int DEFAULT_ROWS = 24;
@@ -32,8 +33,15 @@ record Terminal(boolean input, boolean output, boolean error) {
      * Looks the streams up by file descriptor. {@link System#console()} will not do: it tells nothing
      * about a single stream, and what it tells has changed from one Java release to the next.
      */
-    static Terminal detect(int output, int error) {
-        return new Terminal(isTerminal(0), isTerminal(output), isTerminal(error));
+    static Terminal detect(int output, int error, boolean unicode) {
+        boolean terminal = isTerminal(output);
+        return new Terminal(isTerminal(0), terminal, isTerminal(error),
+                unicode && !(terminal && lacksBlocks(System.getenv("TERM"))));
+    }
+
+    /** The kernel's own console takes UTF-8, but its usual fonts lack most block characters. */
+    static boolean lacksBlocks(String term) {
+        return "linux".equals(term);
     }
 
     private static boolean isTerminal(int descriptor) {

@@ -9,6 +9,8 @@ final class TickWaiter {
     static final int INTERVAL = 30;
 
     private static final long POLL = 500;
+    /** Until the other figures of a tick are there, which are made right behind the process figures. */
+    private static final long REST = 200;
     /** Three missed ticks: then the collector is dead rather than late. */
     private static final long PATIENCE = 3 * INTERVAL * 1000L;
 
@@ -44,6 +46,7 @@ final class TickWaiter {
                     since = now;
                     due = false;
                     if (--left == 0) {
+                        pacer.sleep(REST);
                         return true;
                     }
                 }

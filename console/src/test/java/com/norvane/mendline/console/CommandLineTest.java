@@ -25,7 +25,7 @@ class CommandLineTest {
     private final ByteArrayOutputStream out = new ByteArrayOutputStream();
     private final ByteArrayOutputStream err = new ByteArrayOutputStream();
     private byte[] in = {};
-    private Terminal terminal = new Terminal(false, false, false);
+    private Terminal terminal = new Terminal(false, false, false, true);
 
     private int run(String... arguments) {
         Connection connection = new Connection(library,
@@ -52,7 +52,9 @@ class CommandLineTest {
     @ParameterizedTest
     @ValueSource(strings = {"", "nonsense", "--nonsense", "request", "request a b",
         "processes --sort name", "processes --limit x", "processes --limit -1", "loglevel a b",
-        "start x", "wait", "exit", "loglevel \u0007"})
+        "start x", "wait", "exit", "loglevel \u0007", "history", "history alice", "history a b c",
+        "history a\u0007 101", "history alice 101 --watch", "load x", "gpu", "gpu x", "gpu start x",
+        "loglevel DEBUG --json"})
     void wrongCommandLinesEndWithUsage(String line) {
         assertEquals(ExitCodes.USAGE, run(line.isEmpty() ? new String[0] : line.split(" ")));
         assertEquals("", out());
@@ -62,7 +64,8 @@ class CommandLineTest {
 
     @ParameterizedTest
     @ValueSource(strings = {"--help", "request --help", "start -h", "stop --help",
-        "processes --help", "loglevel --help", "shell --help"})
+        "processes --help", "loglevel --help", "shell --help", "history --help", "load --help",
+        "gpu --help", "gpu start --help"})
     void everyCommandHasHelpWithExitCodes(String line) {
         assertEquals(ExitCodes.OK, run(line.split(" ")));
         assertTrue(out().contains("Usage: mendline"), out());
@@ -83,13 +86,16 @@ class CommandLineTest {
         assertEquals(Path.of("a.so"), location.file());
         assertEquals(ExitCodes.OK, run("loglevel", "--library=b.so"));
         assertEquals(Path.of("b.so"), location.file());
+        assertEquals(ExitCodes.OK, run("gpu", "start", "--library=c.so"));
+        assertEquals(Path.of("c.so"), location.file());
     }
 
     @Test
     void aLibraryThatCannotBeLoadedIsSaidSo() {
         library.loadable = false;
-        for (String command : new String[] {"start", "stop", "processes", "loglevel"}) {
-            assertEquals(ExitCodes.UNUSABLE, run(command));
+        for (String command : new String[] {"start", "stop", "processes", "loglevel", "load",
+            "history alice 101", "gpu start"}) {
+            assertEquals(ExitCodes.UNUSABLE, run(command.split(" ")));
         }
         assertTrue(err().contains("cannot load"), err());
     }
@@ -104,7 +110,7 @@ class CommandLineTest {
 
     @Test
     void requestTakesNoRiskWithATerminal() {
-        terminal = new Terminal(false, true, false);
+        terminal = new Terminal(false, true, false, true);
         library.canned = FakeLibrary.HEAD + "<INFO>\u001b[2J\u202e</INFO>";
         assertEquals(ExitCodes.OK, run("request", "<anything/>"));
         assertEquals(FakeLibrary.HEAD + "<INFO>\\x1b[2J\\u202e</INFO>\n", out());
@@ -176,6 +182,14 @@ class CommandLineTest {
     }
 
     @Test
+    void loglevelPrintsJson() {
+        assertEquals(ExitCodes.OK, run("loglevel", "--json"));
+        assertEquals("{\"LOGLEVEL\":\"INFO\"}\n", out());
+        library.canned = FakeLibrary.HEAD + "<ERROR>no</ERROR>";
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("loglevel", "--json"));
+    }
+
+    @Test
     void textsOfTheLibraryReachNoTerminalRaw() {
         library.canned = FakeLibrary.HEAD + "<ERROR>\u202e\u009b\n</ERROR>";
         assertEquals(ExitCodes.LIBRARY_ERROR, run("loglevel", "X"));
@@ -183,6 +197,9 @@ class CommandLineTest {
         library.canned = FakeLibrary.HEAD + "<LOGLEVEL>\u202e</LOGLEVEL>";
         assertEquals(ExitCodes.OK, run("loglevel"));
         assertEquals("\\u202e\n", out());
+        out.reset();
+        assertEquals(ExitCodes.OK, run("loglevel", "--json"));
+        assertEquals("{\"LOGLEVEL\":\"\\u202e\"}\n", out());
     }
 
     @Test
@@ -217,6 +234,130 @@ class CommandLineTest {
         library.startFails = true;
         assertEquals(ExitCodes.LIBRARY_ERROR, run("processes"));
         assertEquals("", out());
+    }
+
+    @Test
+    void historyAloneWaitsForTwoRecordsAndStops() {
+        long before = library.now();
+        assertEquals(ExitCodes.OK, run("history", "alice", "101"));
+        assertTrue(library.now() - before >= 30_000);
+        assertEquals(1, library.count("StartCollector"));
+        assertEquals(1, library.count("StopCollector"));
+        assertTrue(out().startsWith("alice, display 101: 2 records, latest at 86435 s"), out());
+        assertTrue(out().contains("0:30*"), out());
+        assertTrue(out().contains("RTT ms   ▄  18\n"), out());
+        assertTrue(err().contains("waiting for 1 tick"), err());
+        assertFalse(err().contains("hint"), err());
+    }
+
+    @Test
+    void historyDrawsInAsciiWhereAskedOrNeeded() {
+        assertEquals(ExitCodes.OK, run("history", "alice", "101", "--ascii"));
+        assertTrue(out().contains("RTT ms   :  18\n"), out());
+        terminal = new Terminal(false, false, false, false);
+        out.reset();
+        assertEquals(ExitCodes.OK, run("history", "alice", "101"));
+        assertTrue(out().contains("RTT ms   ::::  18\n"), out());
+    }
+
+    @Test
+    void historyPrintsJsonAndSaysWhatIsMissing() {
+        assertEquals(ExitCodes.OK, run("history", "bob", "7\u202e", "--json"));
+        assertTrue(out().matches("\\{\"userName\":\"bob\",\"display\":\"7\\\\u202e\",\"metrics\":\\["
+                + "\\{\"timestamp\":86405,.*\"cpu\":null,\"mem\":null},\\{\"timestamp\":86435,.*}]}\n"),
+                out());
+        assertTrue(err().contains("the user bob had no process"), err());
+        assertTrue(err().contains("display 7\\u202e had no round trip time"), err());
+    }
+
+    @Test
+    void anUnknownUserIsToldBeforeAnythingIsStarted() {
+        long before = library.now();
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("history", "mallory\u202e", "101"));
+        assertTrue(err().endsWith("this host knows no user mallory\\u202e\n"), err());
+        assertEquals(ExitCodes.LIBRARY_ERROR, run("history", "", "101"));
+        assertTrue(err().endsWith("mendline: Parameter userName missed\n"), err());
+        assertEquals(0, library.count("StartCollector"));
+        assertEquals(before, library.now());
+        assertEquals("", out());
+    }
+
+    @Test
+    void loadAloneWaitsForRealFiguresAndStops() {
+        long before = library.now();
+        assertEquals(ExitCodes.OK, run("load"));
+        assertTrue(library.now() - before >= 30_000);
+        assertEquals(1, library.count("StopCollector"));
+        assertTrue(out().startsWith("CPU         12.50 %\nmemory      43.21 %\n"), out());
+        assertFalse(err().contains("hint"), err());
+        out.reset();
+        assertEquals(ExitCodes.OK, run("load", "--json"));
+        assertEquals("{\"cpuUsage\":12.500000,\"memUsage\":43.210000,\"diskRead\":0.000000,"
+                + "\"diskWrite\":1.250000,\"diskQueue\":null}\n", out());
+    }
+
+    @Test
+    void noCpuFigureIsExplained() {
+        library.noCpuFigure = true;
+        assertEquals(ExitCodes.OK, run("load"));
+        assertTrue(err().contains("hint: no CPU figure, as is usual after a stop"), err());
+        err.reset();
+        assertEquals(ExitCodes.OK, run("history", "alice", "101"));
+        assertTrue(err().contains("hint: no CPU figure, as is usual after a stop"), err());
+    }
+
+    @ParameterizedTest
+    @ValueSource(strings = {"load", "history alice 101"})
+    void noTickMeansNoFigures(String command) {
+        library.ticks = false;
+        assertEquals(ExitCodes.UNUSABLE, run(command.split(" ")));
+        assertEquals("", out());
+        assertEquals(1, library.count("StopCollector"));
+    }
+
+    @ParameterizedTest
+    @ValueSource(strings = {"load", "history alice 101"})
+    void theShellSaysWhyThereIsNoLoadOrHistory(String command) {
+        assertEquals(ExitCodes.REFUSED, shell(command + "\nstart\n" + command + "\n"));
+        assertTrue(err().contains("no collector has been started"), err());
+        assertTrue(err().contains("first tick is still to come"), err());
+        assertEquals("Succeed to start collector\n", out());
+        assertEquals(1, library.count("StartCollector"));
+        err.reset();
+        assertEquals(ExitCodes.OK, shell("start\nwait 2\n" + command + "\nstop\n" + command));
+        assertEquals("hint: the collector is stopped; these are the figures of its last tick\n",
+                err().substring(err().lastIndexOf("hint")));
+    }
+
+    @Test
+    void theShellWarnsOfALoadSinceBootAndShowsOneRecordForWhatItIs() {
+        assertEquals(ExitCodes.OK, shell("start\nwait\nload\nhistory alice 101\n"));
+        assertTrue(err().contains("averages since boot; use wait"), err());
+        assertTrue(out().contains("1 record, "), out());
+        assertTrue(out().contains("no plot yet"), out());
+        err.reset();
+        assertEquals(ExitCodes.OK, shell("start\nwait 2\nload\n"));
+        assertFalse(err().contains("averages"), err());
+    }
+
+    @Test
+    void aHistoryThatIsLateIsNotAnEmptyTable() {
+        library.startTakes = 150;
+        assertEquals(ExitCodes.REFUSED, shell("start\nhistory alice 101\n"));
+        assertTrue(err().contains("no records yet"), err());
+    }
+
+    @Test
+    void gpuStartSaysHowItWentAndWhereItLives() {
+        assertEquals(ExitCodes.OK, run("gpu", "start"));
+        assertEquals("Finish to start vGPU memory collector\n", out());
+        assertTrue(err().contains("mendline shell"), err());
+        err.reset();
+        assertEquals(ExitCodes.OK, shell("gpu start\n"));
+        assertEquals("", err());
+        library.gpuFails = true;
+        assertEquals(ExitCodes.LIBRARY_ERROR, shell("gpu start\n"));
+        assertEquals("mendline: Failed to start vGPU memory collector\n", err());
     }
 
     @Test
@@ -255,7 +396,8 @@ class CommandLineTest {
         "loglevel X;nonsense;loglevel, 2", "request '" + CLEAR + "', 4", "\"unclosed;loglevel, 2",
         "processes, 4", "start;processes, 4", "wait, 4", "start;wait 0, 2", "request -, 2",
         "start;processes --watch, 2", "# nothing, 0", "'', 0", "quit;nonsense, 0", "help, 0",
-        "help wait, 0", "processes --help, 0", "shell, 2"})
+        "help wait, 0", "processes --help, 0", "shell, 2", "load, 4", "start;load, 4",
+        "history bob 1, 4", "history x 1, 1", "history bob, 2", "gpu, 2", "gpu start --help, 0"})
     void theShellGoesOnAndExitsWithTheLastFailure(String script, int code) {
         assertEquals(code, shell(script.replace(';', '\n')));
     }
@@ -279,7 +421,7 @@ class CommandLineTest {
 
     @Test
     void anInteractiveShellPromptsOnStandardErrorAndSucceeds() {
-        terminal = new Terminal(true, false, true);
+        terminal = new Terminal(true, false, true, true);
         assertEquals(ExitCodes.OK, shell("nonsense\n"));
         assertTrue(err().startsWith("mendline> mendline: unknown command"), err());
         assertEquals("", out());
@@ -287,7 +429,7 @@ class CommandLineTest {
 
     @Test
     void watchingInTheShellEndsWithEnter() {
-        terminal = new Terminal(true, false, true);
+        terminal = new Terminal(true, false, true, true);
         // Input is at hand at once, so the watch ends after its first table and takes that line.
         assertEquals(ExitCodes.OK, shell("start\nwait 2\nprocesses --watch --json\n\nloglevel\n"));
         assertEquals(1, out().split("\"timestamp\"", -1).length - 1);

@@ -21,11 +21,16 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
     boolean loadable = true;
     int sleptForever;
     Runnable onSleep = () -> { };
+    boolean gpuFails;
+    /** As it is after a stop and another start. */
+    boolean noCpuFigure;
 
     private long now = 5_000;
     private boolean attached;
     private long started = -1;
     private long lastTimestamp;
+    private final List<Long> records = new ArrayList<>();
+    private int recordsOfStart;
 
     @Override
     public String forwardAndHandleRequest(String request) {
@@ -42,6 +47,7 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
                 return HEAD + "<ERROR>Failed to start collector</ERROR>";
             }
             started = now;
+            recordsOfStart = 0;
             now += startTakes;
             return HEAD + "<INFO>Succeed to start collector</INFO>";
         }
@@ -63,6 +69,21 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
                     + (lastTimestamp == 0 ? "" : process(1, "first") + process(2, "sec\u001bond"))
                     + "</processMetrics>";
         }
+        if (request.contains(">HistoricalMetrics<")) {
+            tick();
+            return HEAD + history(request);
+        }
+        if (request.contains(">LbMetrics<")) {
+            tick();
+            String cpu = noCpuFigure ? "-nan" : records.isEmpty() ? "0.000000" : "12.500000";
+            return HEAD + "<LB><cpuUsage>" + cpu + "</cpuUsage><memUsage>43.210000</memUsage>"
+                    + "<diskRead>0.000000</diskRead><diskWrite>1.250000</diskWrite>"
+                    + "<diskQueue>inf</diskQueue></LB>";
+        }
+        if (request.contains(">StartvGPUMemoryCollector<")) {
+            return HEAD + (gpuFails ? "<ERROR>Failed to start vGPU memory collector</ERROR>"
+                    : "<INFO>Finish to start vGPU memory collector</INFO>");
+        }
         if (request.contains(">GetLogLevel<")) {
             return HEAD + "<LOGLEVEL>INFO</LOGLEVEL>";
         }
@@ -82,6 +103,43 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
         if (ticks && started >= 0 && now >= started + 100) {
             lastTimestamp = 86_400 + started / 1000 + (now - started - 100) / 30_000 * 30;
         }
+        // Records come behind the process figures, late enough here for a client to be too early.
+        while (ticks && started >= 0 && now >= started + 200 + recordsOfStart * 30_000L) {
+            records.add(86_400 + started / 1000 + recordsOfStart++ * 30L);
+            if (records.size() > 30) {
+                records.remove(0);
+            }
+        }
+    }
+
+    /** Knows the users alice, who has processes, and bob, and a session on display 101. */
+    private String history(String request) {
+        if (request.contains("<userName></")) {
+            return "<ERROR>Parameter userName missed</ERROR>";
+        }
+        if (request.contains("<display></")) {
+            return "<ERROR>Parameter display missed</ERROR>";
+        }
+        boolean alice = request.contains("<userName>alice</");
+        if (!alice && !request.contains("<userName>bob</")) {
+            return "<ERROR>Failed to get historical metrics</ERROR>";
+        }
+        if (records.isEmpty()) {
+            return "";
+        }
+        StringBuilder metrics = new StringBuilder();
+        for (long timestamp : records) {
+            metrics.append("<metric><timestamp>").append(timestamp).append("</timestamp><overall_cpu>")
+                    .append(noCpuFigure ? "9223372036854775808" : "12")
+                    .append("</overall_cpu><overall_mem>43</overall_mem>"
+                            + "<disk_iops_reads>3</disk_iops_reads>"
+                            + "<disk_iops_writes>17</disk_iops_writes>"
+                            + "<disk_latency>2</disk_latency>")
+                    .append(request.contains("<display>101</")
+                            ? "<flare_latency>18</flare_latency>" : "")
+                    .append(alice ? "<cpu>4</cpu><mem>6</mem>" : "").append("</metric>");
+        }
+        return "<historicalMetrics>" + metrics + "</historicalMetrics>";
     }
 
     private String process(int id, String name) {

@@ -2,6 +2,7 @@ package com.norvane.mendline.console;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 
+import java.math.BigInteger;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
@@ -21,5 +22,19 @@ class HumanUnitsTest {
         "86400, 1d0h", "8640000, 100d0h"})
     void ages(long seconds, String shown) {
         assertEquals(shown, HumanUnits.age(seconds));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"0, 0", "999999, 999999", "1000000, 1.00e6", "-999999, -999999",
+        "-1000000, -1.00e6", "18446744073709551615, 1.84e19", "614891469123651720, 6.15e17"})
+    void counts(BigInteger number, String shown) {
+        assertEquals(shown, HumanUnits.count(number));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"0, 0:00", "9, 0:09", "870, 14:30", "3599, 59:59", "3600, 1:00:00",
+        "360061, 100:01:01"})
+    void minutes(long seconds, String shown) {
+        assertEquals(shown, HumanUnits.minutes(seconds));
     }
 }

@@ -1,7 +1,6 @@
 package com.norvane.mendline.console;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.List;
 import org.junit.jupiter.api.Test;
@@ -19,15 +18,5 @@ class ProcessJsonTest {
                         new ProcessFigure(1, 17, "a\"\\", 3, -1, 0, "alice"),
                         new ProcessFigure(2, 0, "é名", ProcessFigure.NO_FIGURE, 1, 2, ""))));
         assertEquals("{\"timestamp\":0,\"processes\":[]}", ProcessJson.render(0, List.of()));
-    }
-
-    @Test
-    void whatATerminalWouldObeyIsEscapedWithoutLoss() {
-        assertEquals("\"\\u001b\\u009b\\u202e\\ud800\\udb40\\udc41\\u000a\"",
-                ProcessJson.string("\u001b\u009b\u202e\ud800" + Character.toString(0xE0041) + "\n"));
-        for (char c = 0; c < 256; c++) {
-            assertTrue(ProcessJson.string(String.valueOf(c)).codePoints()
-                    .allMatch(TerminalText::isPlain));
-        }
     }
 }

@@ -1,6 +1,8 @@
 package com.norvane.mendline.console;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.Map;
 import org.junit.jupiter.api.Test;
@@ -12,6 +14,13 @@ class TerminalTest {
     @Test
     void takesWhatSttySays() {
         assertEquals(new Terminal.Size(50, 132), Terminal.size(Map.of(), "50 132\n"));
+    }
+
+    @Test
+    void theKernelsConsoleLacksBlockCharacters() {
+        assertTrue(Terminal.lacksBlocks("linux"));
+        assertFalse(Terminal.lacksBlocks("xterm-256color"));
+        assertFalse(Terminal.lacksBlocks(null));
     }
 
     @Test

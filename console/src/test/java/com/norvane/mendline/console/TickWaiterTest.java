@@ -65,6 +65,15 @@ class TickWaiterTest {
     }
 
     @Test
+    void theRecordOfTheTickIsThereToo() {
+        // The poll then falls between the process figures of a tick and its record.
+        library.startTakes = 150;
+        connection.send(Request.of("StartCollector").toXml());
+        waiter.await(2, 0, true, null, () -> false);
+        assertEquals(2, History.ask(connection, "alice", "101").records().size());
+    }
+
+    @Test
     void aDeadCollectorIsNotWaitedForForever() {
         library.ticks = false;
         long before = library.now();
