@@ -38,7 +38,7 @@ template <typename Integer>
 std::string decimalText(Integer value) {
   constexpr std::size_t kLongest = std::numeric_limits<std::uint64_t>::digits10 + 2;
   char digits[kLongest];
-  const auto end = std::to_chars(digits, digits + kLongest, value).ptr;
+  char* const end = std::to_chars(digits, digits + kLongest, value).ptr;
   return {digits, end};
 }
 
@@ -48,7 +48,7 @@ inline std::string fixedText(double value) {
   constexpr int kDecimals = 6;
   constexpr std::size_t kLongest = std::numeric_limits<double>::max_exponent10 + kDecimals + 4;
   char text[kLongest];
-  const auto end =
+  char* const end =
       std::to_chars(text, text + kLongest, value, std::chars_format::fixed, kDecimals).ptr;
   return {text, end};
 }

@@ -55,7 +55,8 @@ double diskLatency(const SystemPerfStats& prev, const SystemPerfStats& cur) {
       (cur.diskReadMs - prev.diskReadMs) + (cur.diskWriteMs - prev.diskWriteMs);
   // Required: whole milliseconds, unlike the two latencies below. Pinned by
   // SystemArithmetic.DiskLatencyIsCutToWholeMilliseconds.
-  return static_cast<double>(milliseconds / operations);
+  const std::uint64_t wholeMilliseconds = milliseconds / operations;
+  return static_cast<double>(wholeMilliseconds);
 }
 
 double diskReadLatency(const SystemPerfStats& prev, const SystemPerfStats& cur) {

@@ -68,8 +68,8 @@ void formatTime(char (&text)[64]) {
   }
   const std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
   // Required: milliseconds without leading zeros. Pinned by InternalLoggerLine.*.
-  std::snprintf(text + length, sizeof(text) - length, ":%ld",
-                static_cast<long>(now.tv_usec / 1000));
+  static_cast<void>(std::snprintf(text + length, sizeof(text) - length, ":%ld",
+                                  static_cast<long>(now.tv_usec / 1000)));
 }
 
 // From the library's load on the log functions go through this second owner, which spares them the

@@ -204,7 +204,8 @@ bool readMemoryStats(MemoryStats& out) {
   }
   // Required: the page cache is multiplied out in 32 bits, so 4 GiB of it count as nothing. Pinned
   // by ReadMemoryStats.*.
-  out.available = std::uint64_t{info.bufferram} + info.freeram + cachedKb * 1024U;
+  const std::uint32_t cachedBytes = cachedKb * 1024U;
+  out.available = std::uint64_t{info.bufferram} + info.freeram + cachedBytes;
   return true;
 }
 

@@ -9,6 +9,7 @@ unset MENDLINE_LIBRARY
 
 # expect WHAT CODE OUT-PATTERN ERR-PATTERN ARGUMENT...; an empty pattern means an empty stream
 expect() {
+    # shellcheck disable=SC2034 # out and err are read by name, below
     what=$1 code=$2 out=$3 err=$4
     shift 4
     "$launcher" "$@" >"$work/out" 2>"$work/err" </dev/null
