@@ -190,23 +190,32 @@ TEST_P(RealJvm, AnswersEveryOperationOfTheDispatcherByteForByte) {
           operation("SetLogLevel", "<loglevel>XYZ</loglevel>"),
           operation(""),
       }),
-      ElementsAre(kStopped, kDeclaration + "<INFO>Finish to clear shared memory</INFO>",
-                  kDeclaration + "<INFO>Finish to clear shared memory</INFO>",
-                  kDeclaration + "<processMetrics><timestamp>0</timestamp></processMetrics>",
-                  kDeclaration + "<LOGLEVEL>INFO</LOGLEVEL>",
-                  kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
-                  kDeclaration + "<LOGLEVEL>DEBUG</LOGLEVEL>",
-                  kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
-                  kDeclaration + "<LOGLEVEL>TRACE</LOGLEVEL>",
-                  kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
-                  kDeclaration + "<LOGLEVEL>VERBOSE</LOGLEVEL>",
-                  kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
-                  kDeclaration + "<LOGLEVEL>INFO</LOGLEVEL>",
-                  kDeclaration + "<ERROR>Invalid loglevel Debug</ERROR>",
-                  kDeclaration + "<ERROR>Invalid loglevel WARN</ERROR>",
-                  kDeclaration + "<ERROR>Invalid loglevel </ERROR>",
-                  kDeclaration + "<ERROR>Invalid loglevel &lt;a&amp;b&gt;</ERROR>",
-                  kDeclaration + "<ERROR>Invalid loglevel XYZ</ERROR>", kInvalidOpcode));
+      ElementsAre(
+          kStopped, kDeclaration + "<INFO>Finish to clear shared memory</INFO>",
+          kDeclaration + "<INFO>Finish to clear shared memory</INFO>",
+          kDeclaration + "<processMetrics><timestamp>0</timestamp></processMetrics>",
+          kDeclaration + "<ERROR>Failed to start vGPU memory collector</ERROR>", kDeclaration,
+          kDeclaration + "<ERROR>Parameter userName missed</ERROR>",
+          kDeclaration + "<ERROR>Parameter display missed</ERROR>",
+          kDeclaration + "<ERROR>Failed to get historical metrics</ERROR>",
+          kDeclaration +
+              "<LB><cpuUsage>0.000000</cpuUsage><memUsage>0.000000</memUsage><diskRead>0.000000"
+              "</diskRead><diskWrite>0.000000</diskWrite><diskQueue>0.000000</diskQueue></LB>",
+
+          kDeclaration + "<LOGLEVEL>INFO</LOGLEVEL>",
+          kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
+          kDeclaration + "<LOGLEVEL>DEBUG</LOGLEVEL>",
+          kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
+          kDeclaration + "<LOGLEVEL>TRACE</LOGLEVEL>",
+          kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
+          kDeclaration + "<LOGLEVEL>VERBOSE</LOGLEVEL>",
+          kDeclaration + "<INFO>Succeed to set loglevel</INFO>",
+          kDeclaration + "<LOGLEVEL>INFO</LOGLEVEL>",
+          kDeclaration + "<ERROR>Invalid loglevel Debug</ERROR>",
+          kDeclaration + "<ERROR>Invalid loglevel WARN</ERROR>",
+          kDeclaration + "<ERROR>Invalid loglevel </ERROR>",
+          kDeclaration + "<ERROR>Invalid loglevel &lt;a&amp;b&gt;</ERROR>",
+          kDeclaration + "<ERROR>Invalid loglevel XYZ</ERROR>", kInvalidOpcode));
 }
 
 TEST_P(RealJvm, StartsAndStopsTheCollectorAndLeavesNothingBehind) {
