@@ -9,6 +9,7 @@
 #include "gateway/HistoryOperations.h"
 #include "gateway/LogLevelOperations.h"
 #include "gateway/ProcessOperations.h"
+#include "gateway/ProtocolOperation.h"
 #include "logging/InternalLogger.h"
 
 namespace mendline {
@@ -62,6 +63,8 @@ constexpr Operation kOperations[] = {
     {"ClearShm", clearShm},
     {"ProcessMetrics", processMetrics},
     {"HistoricalMetrics", historicalMetrics},
+    {"ProtocolInfo", protocolInfo},
+    {"EndProcess", endProcess},
     {"LbMetrics", lbMetrics},
     {"GetLogLevel", getLogLevel},
     {"SetLogLevel", setLogLevel},

@@ -9,4 +9,10 @@ namespace mendline {
 void processMetrics(const boost::property_tree::ptree& requestTree,
                     boost::property_tree::ptree& responseTree);
 
+// Ends the process `MendlineOperation.processId` that was created at `MendlineOperation.createTime`
+// and answers with its name, or with an "ERROR" that does not give the reason: that is in the log.
+// Blocks the caller for 100 milliseconds once the signal is out.
+void endProcess(const boost::property_tree::ptree& requestTree,
+                boost::property_tree::ptree& responseTree);
+
 }  // namespace mendline

@@ -15,6 +15,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Eventually.h"
@@ -334,6 +335,73 @@ TEST(CollectionLoop, StopsReadingAtTheFirstInvalidDisplay) {
     EXPECT_EQ(sample.protocolMetrics.count(*name), name < invalid ? 1u : 0u) << *name;
   }
   EXPECT_EQ(host.log().count("Warn", "ProtocolQuery", "Invalid display number 99"), 1u);
+}
+
+// Sessions on these displays of an invented host, which a tick finds in this order.
+void serveDisplays(PrivateHost& host, const std::vector<std::string>& displays) {
+  rig::SyntheticProc& proc = host.syntheticProc();
+  proc.addProcess({.pid = 10, .name = "FlareWorker", .startTime = 5}, rig::kWorkerUid);
+  for (std::size_t i = 0; i < displays.size(); ++i) {
+    proc.addProcess({.pid = 20 + static_cast<pid_t>(i), .name = "Xorg", .startTime = 5}, 0);
+  }
+  ProcessInfoSet processes;
+  ASSERT_TRUE(ListProcesses(processes));
+  auto display = displays.begin();
+  for (const ProcessInfo& process : processes) {
+    if (process.strProcessName == "Xorg") {
+      proc.setFile(std::to_string(process.iPid) + "/cmdline",
+                   std::string("Xorg") + '\0' + ':' + *display++ + '\0' + rig::kXConfigFile + '\0');
+    }
+  }
+}
+
+TEST(CollectionLoop, StopsReadingExactlyAtADisplayBeyondTheRangeOrATextThatIsNoNumber) {
+  for (const std::string invalid : {"161", "abc", "99999999999"}) {
+    PrivateHost host;
+    host.log().clear();
+    serveDisplays(host, {"100", "101", invalid, "102", "103"});
+    Collection collection;
+    const PerfSample sample = collection.firstSample();
+    EXPECT_THAT(sample.displayNames, ElementsAre("100", "101", invalid, "102", "103"));
+    EXPECT_TRUE(sample.hasProtocolData);
+    EXPECT_THAT(sample.protocolMetrics, UnorderedElementsAre(Pair("100", 0.0), Pair("101", 0.0)));
+    EXPECT_EQ(host.log().count("Warn", "ProtocolQuery"), 1u);
+    EXPECT_TRUE(host.log().has("Warn", "ProtocolQuery", "Invalid display number " + invalid));
+  }
+}
+
+TEST(CollectionLoopTicks, StopsReadingAtTheSameDisplayInEveryTick) {
+  PrivateHost host;
+  Worker worker = host.worker();
+  serveDisplays(host, {"100", "abc", "102"});
+  Collection collection;
+  collection.start();
+  ASSERT_TRUE(collection.generator().willHaveFinished(1));
+  worker.writes(102, {.rtt = 7.5});
+  for (const double rtt : {12.5, 13.5}) {
+    worker.writes(100, {.rtt = rtt});
+    EXPECT_TRUE(collection.willHandOver([&](const PerfSample& sample) {
+      return sample.protocolMetrics == std::unordered_map<std::string, double>{{"100", rtt}};
+    })) << rtt;
+  }
+  StopCollector();
+  const std::size_t ticks = collection.generator().finished();
+  EXPECT_EQ(host.log().count("Warn", "ProtocolQuery", "Invalid display number abc"), ticks);
+  EXPECT_EQ(host.log().count("Warn", "ProtocolQuery"), ticks);
+  for (const PerfSample& sample : collection.generator().samples()) {
+    EXPECT_EQ(sample.protocolMetrics.size(), 1u);
+  }
+}
+
+TEST(CollectionLoopTicks, ReadsTheOtherDisplaysAgainOnceTheInvalidOneIsGone) {
+  PrivateHost host;
+  serveDisplays(host, {"161", "101"});
+  Collection collection;
+  EXPECT_THAT(collection.firstSample().protocolMetrics, IsEmpty());
+  serveDisplays(host, {"160", "101"});
+  EXPECT_TRUE(collection.willHandOver([](const PerfSample& sample) {
+    return sample.protocolMetrics.count("160") == 1 && sample.protocolMetrics.count("101") == 1;
+  }));
 }
 
 TEST(CollectionLoopTicks, TakesTheNextWorkerInTheTickThatMissesTheOld) {

@@ -454,6 +454,31 @@ TEST_F(HandleRequest, LetsTheEffectOfAnOperationStandWhoseAnswerIsLost) {
   EXPECT_GT(lost, 0);
 }
 
+TEST_F(HandleRequest, LetsTheNextReportBeMadeAfterOneThatRanOutOfMemory) {
+  ASSERT_TRUE(StartCollector());
+  const std::string request =
+      "<MendlineOperation><opcode>ProtocolInfo</opcode><display>103</display></MendlineOperation>";
+  const std::string whole = answerTo(request);
+  int failed = 0;
+  for (long successes = 0;; ++successes) {
+    std::string answer;
+    allocationsLeft = successes;
+    try {
+      handleRequest(request, answer);
+    } catch (const std::bad_alloc&) {
+      ++failed;
+    }
+    const bool finished = allocationsLeft >= 0;
+    allocationsLeft = -1;
+    if (finished) {
+      break;
+    }
+    ASSERT_EQ(answerTo(request), whole) << successes;
+  }
+  EXPECT_GT(failed, 10);
+  StopCollector();
+}
+
 TEST_F(HandleRequest, ServesTenThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 10; ++t) {
@@ -571,6 +596,14 @@ TEST_F(DispatchOperation, RunsTheProcessAndLogLevelOperations) {
   EXPECT_THAT(answerTo("SetLogLevel"), ElementsAre(Pair("ERROR", "Invalid loglevel ")));
 }
 
+TEST_F(DispatchOperation, RunsTheOperationsOnOneProcessAndOnOneSession) {
+  EXPECT_THAT(answerTo("EndProcess"), ElementsAre(Pair("ERROR", "Miss some parameters")));
+  EXPECT_THAT(answerTo("EndProcess", {{"processId", "-5"}, {"createTime", "1"}}),
+              ElementsAre(Pair("ERROR", "Failed to terminate process")));
+  EXPECT_THAT(answerTo("ProtocolInfo"), ElementsAre(Pair("ERROR", "Display parameter missed")));
+  EXPECT_THAT(answerTo("ProtocolInfo", {{"display", "none"}}), ElementsAre(Pair("protocol", "")));
+}
+
 TEST_F(DispatchOperation, AnswersInvalidForWhatIsNoOpcodeAndLogsNothing) {
   const auto invalid = ElementsAre(Pair("ERROR", "Invalid mendline opcode"));
   for (const std::string opcode : {"",
@@ -595,6 +628,13 @@ TEST_F(DispatchOperation, AnswersInvalidForWhatIsNoOpcodeAndLogsNothing) {
                                    "ClearSHM",
                                    "ProcessMetric",
                                    "processMetrics",
+                                   "ProtocolInf",
+                                   "ProtocolInfos",
+                                   "protocolInfo",
+                                   "ProtocolInfo ",
+                                   "EndProces",
+                                   "Endprocess",
+                                   "EndProcess ",
                                    "10",
                                    "GetLogLevelSetLogLevel",
                                    "StartCollector\t"}) {

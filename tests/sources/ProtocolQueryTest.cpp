@@ -118,6 +118,21 @@ TEST(ReadProtocolMetrics, StopsAtTheFirstTextThatIsNoDisplayNumber) {
               ElementsAre("Warn ProtocolQuery: Invalid display number abc"));
 }
 
+TEST(ReadProtocolMetrics, StopsAtTheFirstDisplayBeyondTheTable) {
+  PrivateHost host;
+  SetLogThreshold(LogLevel::Trace);
+  SessionTable table;
+  table.with(0, 12.5).with(2, 13.5).with(60, 14.5);
+  EXPECT_THAT(read({"160", "100", "161", "102", "162"}),
+              UnorderedElementsAre(Pair("100", 12.5), Pair("160", 14.5)));
+  EXPECT_THAT(loggedLines(host.log()),
+              ElementsAre("Trace ProtocolQuery: display 160, rtt is 14.500000",
+                          "Trace ProtocolQuery: display length is 3",
+                          "Trace ProtocolQuery: display 100, rtt is 12.500000",
+                          "Trace ProtocolQuery: display length is 3",
+                          "Warn ProtocolQuery: Invalid display number 161"));
+}
+
 TEST(ReadProtocolMetrics, NothingIsTracedForTheTextItStopsAt) {
   PrivateHost host;
   SetLogThreshold(LogLevel::Trace);
