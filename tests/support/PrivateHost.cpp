@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -271,6 +272,30 @@ PrivateHost& PrivateHost::withUnopenableProc() {
     throwErrno("cannot mount an unopenable /proc");
   }
   undo_->mounted("/proc");
+  return *this;
+}
+
+PrivateHost& PrivateHost::withOwnTmp() {
+  namespace fs = std::filesystem;
+  if (unshare(CLONE_NEWNET) != 0) {
+    throwErrno("cannot make a network");
+  }
+  const std::string program = fs::read_symlink(std::string(kTrueProc) + "/self/exe").string();
+  std::string kept;
+  const std::string aside = std::string(kScratchDirectory) + "/kept-tmp";
+  if (program.rfind("/tmp/", 0) == 0) {
+    kept = program.substr(0, program.find('/', 5));
+    fs::create_directories(aside);
+    bind(kept, aside);
+  }
+  if (mount("private-host", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+    throwErrno("cannot mount a tmpfs on /tmp");
+  }
+  undo_->mounted("/tmp");
+  if (!kept.empty()) {
+    fs::create_directories(kept);
+    bind(aside, kept);
+  }
   return *this;
 }
 

@@ -58,6 +58,11 @@ class PrivateHost {
   // /proc is there, but opening it fails with ENOTCONN. Lasts until the host goes.
   PrivateHost& withUnopenableProc();
 
+  // An empty /tmp, and a network of its own for this process and what it starts from now on: so
+  // that servers whose sockets have well-known names can run. The folder below /tmp that holds this
+  // program, if it does, is still there.
+  PrivateHost& withOwnTmp();
+
   // At most this many System V segments may exist; the next shmget fails with ENOSPC.
   PrivateHost& withSegmentLimit(int count);
 

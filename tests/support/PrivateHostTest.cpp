@@ -203,6 +203,25 @@ TEST(PrivateHost, LimitsSegments) {
   shmctl(id, IPC_RMID, nullptr);
 }
 
+TEST(PrivateHost, HasATmpOfItsOwn) {
+  rig::PrivateHost host;
+  struct stat before = {};
+  ASSERT_EQ(stat("/tmp", &before), 0);
+  {
+    rig::PrivateHost other;
+    other.withOwnTmp();
+    struct stat after = {};
+    ASSERT_EQ(stat("/tmp", &after), 0);
+    EXPECT_NE(after.st_dev, before.st_dev);
+    EXPECT_EQ(after.st_mode & 07777, 01777U);
+    // What the test is made of is still there.
+    EXPECT_EQ(access(PRIVATE_HOST_PROGRAM, X_OK), 0);
+  }
+  struct stat again = {};
+  ASSERT_EQ(stat("/tmp", &again), 0);
+  EXPECT_EQ(again.st_dev, before.st_dev);
+}
+
 TEST(PrivateHost, ReadsTheProductsLog) {
   rig::PrivateHost host;
   host.withFile(rig::kLogFile, "2026-03-09 14:05:31:42 Warn  <7f> [Tag] text\n");

@@ -9,14 +9,17 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <sstream>
+#include <utility>
 
 #include "ClockPreload.h"
 #include "Error.h"
+#include "Eventually.h"
 
 namespace mendline::rig {
 namespace {
@@ -34,6 +37,7 @@ class Descriptor {
     close();
     number_ = number;
   }
+  int release() { return std::exchange(number_, -1); }
   void close() {
     if (number_ >= 0) {
       ::close(number_);
@@ -109,6 +113,95 @@ std::vector<std::string> Run::outputLines() const {
   return lines;
 }
 
+RunningProgram::RunningProgram(RunningProgram&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)),
+      input_(std::exchange(other.input_, -1)),
+      output_(std::exchange(other.output_, -1)),
+      pending_(std::move(other.pending_)) {}
+
+RunningProgram& RunningProgram::operator=(RunningProgram&& other) noexcept {
+  std::swap(pid_, other.pid_);
+  std::swap(input_, other.input_);
+  std::swap(output_, other.output_);
+  std::swap(pending_, other.pending_);
+  return *this;
+}
+
+RunningProgram::~RunningProgram() {
+  closeInput();
+  if (output_ >= 0) {
+    ::close(output_);
+  }
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+bool RunningProgram::isRunning() const {
+  siginfo_t info = {};
+  return pid_ > 0 &&
+         waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == 0;
+}
+
+void RunningProgram::send(const std::string& line) {
+  const IgnoredPipeSignal ignored;
+  const std::string text = line + "\n";
+  for (std::size_t done = 0; done < text.size();) {
+    const ssize_t size = ::write(input_, text.data() + done, text.size() - done);
+    if (size < 0 && errno != EINTR) {
+      throwErrno("cannot write to the program");
+    }
+    done += static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+  }
+}
+
+std::string RunningProgram::receive(std::chrono::milliseconds patience) {
+  const long end = milliseconds() + patience.count();
+  std::size_t newline = pending_.find('\n');
+  while (newline == std::string::npos) {
+    pollfd event = {output_, POLLIN, 0};
+    const long left = end - milliseconds();
+    if (left <= 0) {
+      throw Error("no line came from the program; so far: '" + pending_ + "'");
+    }
+    if (poll(&event, 1, static_cast<int>(left)) <= 0) {
+      continue;
+    }
+    std::array<char, 65536> buffer;
+    const ssize_t size = ::read(output_, buffer.data(), buffer.size());
+    if (size == 0) {
+      throw Error("the program has closed its output; so far: '" + pending_ + "'");
+    }
+    pending_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    newline = pending_.find('\n');
+  }
+  const std::string line = pending_.substr(0, newline);
+  pending_.erase(0, newline + 1);
+  return line;
+}
+
+void RunningProgram::closeInput() {
+  if (input_ >= 0) {
+    ::close(std::exchange(input_, -1));
+  }
+}
+
+int RunningProgram::wait(std::chrono::milliseconds patience) {
+  if (!eventually([this] { return !isRunning(); }, patience)) {
+    throw Error("the program does not end");
+  }
+  int status = 0;
+  waitpid(std::exchange(pid_, -1), &status, 0);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int RunningProgram::stop(int signalNumber) {
+  kill(pid_, signalNumber);
+  return wait();
+}
+
 Program::Program(std::vector<std::string> commandLine) : commandLine_(std::move(commandLine)) {}
 
 Program& Program::withEnvironment(const std::string& name, const std::string& value) {
@@ -136,7 +229,14 @@ Program& Program::withClockSpeed(int speed) {
   return *this;
 }
 
-Run Program::run() const {
+// The descriptors that become the program's first three; a negative one stays as it is.
+struct Program::Ends {
+  int input;
+  int output;
+  int errors;
+};
+
+pid_t Program::spawn(const Ends& ends) const {
   std::map<std::string, std::string> variables;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text = *entry;
@@ -167,14 +267,15 @@ Run Program::run() const {
     return pointers;
   };
 
-  Pipe input;
-  Pipe output;
-  Pipe errors;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input.readEnd.number(), 0);
-  posix_spawn_file_actions_adddup2(&actions, output.writeEnd.number(), 1);
-  posix_spawn_file_actions_adddup2(&actions, errors.writeEnd.number(), 2);
+  int target = 0;
+  for (const int end : {ends.input, ends.output, ends.errors}) {
+    if (end >= 0) {
+      posix_spawn_file_actions_adddup2(&actions, end, target);
+    }
+    ++target;
+  }
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   pid_t pid = 0;
   const int failure =
@@ -185,6 +286,22 @@ Run Program::run() const {
     errno = failure;
     throwErrno("cannot start " + commandLine_[0]);
   }
+  return pid;
+}
+
+RunningProgram Program::start() const {
+  Pipe input;
+  Pipe output;
+  const pid_t pid = spawn({input.readEnd.number(), output.writeEnd.number(), -1});
+  return {pid, input.writeEnd.release(), output.readEnd.release()};
+}
+
+Run Program::run() const {
+  Pipe input;
+  Pipe output;
+  Pipe errors;
+  const pid_t pid =
+      spawn({input.readEnd.number(), output.writeEnd.number(), errors.writeEnd.number()});
   input.readEnd.close();
   output.writeEnd.close();
   errors.writeEnd.close();

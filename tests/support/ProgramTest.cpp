@@ -57,6 +57,37 @@ TEST(Program, IsKilledWhenItsTimeIsUp) {
   EXPECT_EQ(run.signal, SIGKILL);
 }
 
+TEST(RunningProgram, AnswersLineByLine) {
+  rig::RunningProgram cat = rig::Program({"/bin/cat"}).start();
+  EXPECT_EQ(cat.ask("one"), "one");
+  EXPECT_EQ(cat.ask("two"), "two");
+  EXPECT_TRUE(cat.isRunning());
+  cat.closeInput();
+  EXPECT_EQ(cat.wait(), 0);
+  EXPECT_FALSE(cat.isRunning());
+}
+
+TEST(RunningProgram, IsStoppedByASignal) {
+  rig::RunningProgram sleeper = rig::Program({"/bin/sleep", "100"}).start();
+  EXPECT_EQ(sleeper.stop(SIGTERM), 128 + SIGTERM);
+}
+
+TEST(RunningProgram, ThatSaysNothingOrHasEndedIsAnError) {
+  rig::RunningProgram sleeper = rig::Program({"/bin/sleep", "100"}).start();
+  EXPECT_THROW(sleeper.receive(std::chrono::milliseconds(50)), rig::Error);
+  rig::RunningProgram ended = rig::Program({"/bin/true"}).start();
+  EXPECT_THROW(ended.receive(), rig::Error);
+}
+
+TEST(RunningProgram, IsEndedAndReapedWithItsHandle) {
+  pid_t pid = 0;
+  {
+    const rig::RunningProgram sleeper = rig::Program({"/bin/sleep", "100"}).start();
+    pid = sleeper.pid();
+  }
+  EXPECT_EQ(kill(pid, 0), -1);
+}
+
 TEST(Program, ThatDoesNotExistIsAnError) {
   EXPECT_THROW(rig::Program({"/no/such/program"}).run(), rig::Error);
 }
