@@ -25,6 +25,7 @@ final class Commands {
         return List.of(new RequestCommand(context), new StartCommand(context),
                 new StopCommand(context), new ProcessesCommand(context),
                 new HistoryCommand(context), new LoadCommand(context),
+                new SessionCommand(context), new EndCommand(context),
                 new LogLevelCommand(context));
     }
 

@@ -19,10 +19,11 @@ import picocli.CommandLine.Spec;
         exitCodeListHeading = "%nExit codes:%n",
         exitCodeList = {
             " 0:done",
-            " 1:the library answered with an ERROR",
+            " 1:the library answered with an ERROR, or has no such display or process",
             " 2:the command line is wrong",
             " 3:the library cannot be loaded, its answer cannot be understood, or no figures came",
-            " 4:refused by this client: the library would crash, or has nothing to show",
+            " 4:refused by this client: the library would crash, or has nothing to show, or the"
+                + " answer to a question was no",
             "70:a defect of this client",
         })
 abstract class ConsoleCommand implements Callable<Integer> {

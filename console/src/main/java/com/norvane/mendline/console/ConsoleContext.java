@@ -7,6 +7,7 @@ import java.io.InputStreamReader;
 import java.io.PrintStream;
 import java.io.UncheckedIOException;
 import java.nio.charset.StandardCharsets;
+import java.util.Optional;
 
 /** What the commands of one process share: streams, the connection, and whether a shell is running. */
 final class ConsoleContext {
@@ -77,12 +78,21 @@ final class ConsoleContext {
         inShell = true;
     }
 
-    /** The shell's input; one reader for all, because it reads ahead. */
+    /** Standard input by lines; one reader for all, because it reads ahead. */
     BufferedReader lines() {
         if (lines == null) {
             lines = new BufferedReader(new InputStreamReader(in, StandardCharsets.UTF_8));
         }
         return lines;
+    }
+
+    /** Waits for the next line of input; empty at its end. */
+    Optional<String> nextLine() {
+        try {
+            return Optional.ofNullable(lines().readLine());
+        } catch (IOException e) {
+            throw new UncheckedIOException(e);
+        }
     }
 
     /** Takes one line from a shell's user if there is one, without waiting for it. */

@@ -11,13 +11,17 @@ final class Fields {
     private Fields() {
     }
 
-    static Optional<String> find(Element parent, String name) {
+    static Optional<Element> child(Element parent, String name) {
         for (Node node = parent.getFirstChild(); node != null; node = node.getNextSibling()) {
             if (node instanceof Element child && child.getTagName().equals(name)) {
-                return Optional.of(child.getTextContent());
+                return Optional.of(child);
             }
         }
         return Optional.empty();
+    }
+
+    static Optional<String> find(Element parent, String name) {
+        return child(parent, name).map(Element::getTextContent);
     }
 
     static String text(Element parent, String name) {

@@ -3,7 +3,7 @@ package com.norvane.mendline.console;
 import java.util.function.BooleanSupplier;
 
 /**
- * A command that shows figures of the collector. On its own it starts one, waits for the second tick,
+ * A command that works on figures of the collector. On its own it starts one, waits for its ticks,
  * shows and stops it; in the shell it shows what there is, or says why there is nothing.
  */
 abstract class FiguresCommand extends ConsoleCommand {
@@ -24,6 +24,11 @@ abstract class FiguresCommand extends ConsoleCommand {
     void checkInShell(boolean running) {
     }
 
+    /** How many ticks it takes until the figures are worth showing. */
+    int ticks() {
+        return 2;
+    }
+
     /** What to know about figures of a first tick; null for nothing. */
     abstract String firstTick();
 
@@ -39,8 +44,8 @@ abstract class FiguresCommand extends ConsoleCommand {
     private int showAlone() {
         context().startCollector();
         try {
-            context().ticks().await(2, context().takeBaseline(), true, context().countdown(),
-                    () -> false);
+            context().ticks().await(ticks(), context().takeBaseline(), true,
+                    context().countdown(), () -> false);
             // Without the check a watch would outlive the pager that it writes to.
             show(() -> context().out().checkError());
         } finally {

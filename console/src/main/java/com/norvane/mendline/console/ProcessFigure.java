@@ -1,5 +1,7 @@
 package com.norvane.mendline.console;
 
+import java.util.Optional;
+
 /**
  * One process at one tick.
  *
@@ -22,5 +24,14 @@ record ProcessFigure(long id, long createTime, String name, long cpu, long mem, 
 
     boolean hasCpu() {
         return cpu != NO_FIGURE;
+    }
+
+    /** @param now seconds since the epoch */
+    Optional<String> age(long now) {
+        if (createTime <= 0) {
+            return Optional.empty();
+        }
+        // A clock that was set back must not give a negative age.
+        return Optional.of(HumanUnits.age(Math.max(0, now - createTime)));
     }
 }

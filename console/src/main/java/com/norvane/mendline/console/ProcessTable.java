@@ -31,7 +31,7 @@ final class ProcessTable {
         Column user = new Column("USER", false, WIDEST_USER,
                 p -> p.userName().isEmpty() ? "-" : TerminalText.line(p.userName()));
         Column disk = new Column("DISK/TICK", true, 20, p -> HumanUnits.bytes(p.disk()));
-        Column age = new Column("AGE", true, 20, this::age);
+        Column age = new Column("AGE", true, 20, p -> p.age(now).orElse("-"));
         List<Column> columns = new ArrayList<>(List.of(
                 new Column("PID", true, 20, p -> Long.toString(p.id())),
                 user,
@@ -84,14 +84,5 @@ final class ProcessTable {
 
     private static int columnWidth(List<String> cells) {
         return cells.stream().mapToInt(DisplayWidth::of).max().orElse(0);
-    }
-
-    private String age(ProcessFigure process) {
-        long created = process.createTime();
-        if (created <= 0) {
-            return "-";
-        }
-        // A clock that was set back must not give a negative age.
-        return HumanUnits.age(Math.max(0, now - created));
     }
 }

@@ -2,6 +2,8 @@ package com.norvane.mendline.console;
 
 import java.util.ArrayList;
 import java.util.List;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 
 /**
  * Behaves like the library as far as the client can tell, on a clock that the test moves, and fails
@@ -24,6 +26,18 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
     boolean gpuFails;
     /** As it is after a stop and another start. */
     boolean noCpuFigure;
+    /** When the worker of display 101 notices a new table; negative for never. */
+    long workerTakes = 300;
+    /** How fast its counters grow, in bytes per millisecond. */
+    long growth = 2048;
+    /** What EndProcess is answered with; null for what becomes of the process. */
+    String endError;
+    boolean ignoresSigterm;
+    long createTime = 1000;
+    String secondName = "sec\u001bond";
+    /** What EndProcess calls it; null for the same. */
+    String endedName;
+    String owner = "alice";
 
     private long now = 5_000;
     private boolean attached;
@@ -31,6 +45,7 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
     private long lastTimestamp;
     private final List<Long> records = new ArrayList<>();
     private int recordsOfStart;
+    private boolean ended;
 
     @Override
     public String forwardAndHandleRequest(String request) {
@@ -63,11 +78,25 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
             }
             return HEAD + "<INFO>Finish to clear shared memory</INFO>";
         }
+        if (request.contains("ProtocolInfo")) {
+            if (!attached || request.contains("<display>160<")) {
+                throw new AssertionError("the library has crashed");
+            }
+            return HEAD + session(request);
+        }
         if (request.contains(">ProcessMetrics<")) {
             tick();
             return HEAD + "<processMetrics><timestamp>" + lastTimestamp + "</timestamp>"
-                    + (lastTimestamp == 0 ? "" : process(1, "first") + process(2, "sec\u001bond"))
-                    + "</processMetrics>";
+                    + (lastTimestamp == 0 ? "" : process(1, "first")
+                            + (ended ? "" : process(2, secondName))) + "</processMetrics>";
+        }
+        if (request.contains(">EndProcess<")) {
+            if (endError != null) {
+                return HEAD + "<ERROR>" + endError + "</ERROR>";
+            }
+            ended = !ignoresSigterm;
+            return HEAD + "<terminatedProcessName>" + (endedName == null ? secondName : endedName)
+                    + "</terminatedProcessName>";
         }
         if (request.contains(">HistoricalMetrics<")) {
             tick();
@@ -112,6 +141,41 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
         }
     }
 
+    /** Knows the displays 100 to 159 and has a worker on 101. */
+    private String session(String request) {
+        Matcher number = Pattern.compile("<display>1[0-5][0-9]</").matcher(request);
+        if (!number.find()) {
+            return "<protocol/>";
+        }
+        long written = now - started - workerTakes;
+        boolean zero = workerTakes < 0 || written < 0 || !request.contains("<display>101<");
+        long bytes = zero ? 0 : 4096 + written * growth;
+        return "<protocol>" + flare(bytes, zero ? "0" : "29", zero ? "0" : null) + "</protocol>";
+    }
+
+    /** @param bytes of every byte counter, unsigned; the others follow from the frame rate
+     *  @param loss null for none */
+    static String flare(long bytes, String frames, String loss) {
+        String counted = Long.toUnsignedString(bytes);
+        StringBuilder flare = new StringBuilder("<flare>");
+        for (String name : List.of("audio_recv_bytes", "audio_transmit_bytes", "cdr_recv_bytes",
+                "cdr_transmit_bytes")) {
+            flare.append('<').append(name).append('>').append(counted).append("</").append(name)
+                    .append('>');
+        }
+        flare.append("<image_frames_per_second>").append(frames)
+                .append("</image_frames_per_second><image_recv_bytes>").append(counted)
+                .append("</image_recv_bytes><image_transmit_bytes>").append(counted)
+                .append("</image_transmit_bytes><session_rtt>").append(frames)
+                .append("</session_rtt><session_bandwidth_uplink>").append(frames)
+                .append("</session_bandwidth_uplink>");
+        if (loss != null) {
+            flare.append("<session_packet_loss_uplink>").append(loss)
+                    .append("</session_packet_loss_uplink>");
+        }
+        return flare.append("</flare>").toString();
+    }
+
     /** Knows the users alice, who has processes, and bob, and a session on display 101. */
     private String history(String request) {
         if (request.contains("<userName></")) {
@@ -144,9 +208,10 @@ final class FakeLibrary implements MendlineLibrary, Pacer {
 
     private String process(int id, String name) {
         boolean first = now < started + 30_100;
-        return "<process><id>" + id + "</id><create_time>1000</create_time><name>" + name
+        return "<process><id>" + id + "</id><create_time>" + Long.toUnsignedString(createTime)
+                + "</create_time><name>" + name
                 + "</name><cpu>" + (first ? 0 : id * 10) + "</cpu><mem>" + 5000 / id + "</mem><disk>"
-                + (first ? 0 : 77) + "</disk><user_name>alice</user_name></process>";
+                + (first ? 0 : 77) + "</disk><user_name>" + owner + "</user_name></process>";
     }
 
     long count(String opcode) {
