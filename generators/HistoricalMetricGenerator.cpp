@@ -121,9 +121,10 @@ ptree metricElement(const HistoryRecord& record, std::uint32_t uid, const std::s
 }  // namespace
 
 std::shared_ptr<HistoricalMetricGenerator> HistoricalMetricGenerator::getInstance() {
-  static const std::shared_ptr<HistoricalMetricGenerator> instance =
-      std::make_shared<HistoricalMetricGenerator>();
-  return instance;
+  // This owner is never destroyed: a request may still be in here when the process exits.
+  static const auto& owner = *new std::shared_ptr<HistoricalMetricGenerator>(
+      std::make_shared<HistoricalMetricGenerator>());
+  return owner;
 }
 
 void HistoricalMetricGenerator::generate(const PerfSample& sample) {

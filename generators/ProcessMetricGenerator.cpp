@@ -70,9 +70,10 @@ std::uint64_t processDiskDelta(const ProcessInfo& prevInfo, const ProcessInfo& c
 }
 
 std::shared_ptr<ProcessMetricGenerator> ProcessMetricGenerator::getInstance() {
-  static const std::shared_ptr<ProcessMetricGenerator> instance =
-      std::make_shared<ProcessMetricGenerator>();
-  return instance;
+  // This owner is never destroyed: a request may still be in here when the process exits.
+  static const auto& owner =
+      *new std::shared_ptr<ProcessMetricGenerator>(std::make_shared<ProcessMetricGenerator>());
+  return owner;
 }
 
 void ProcessMetricGenerator::generate(const PerfSample& sample) {

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 namespace mendline {
 namespace {
@@ -72,9 +73,14 @@ void formatTime(char (&text)[64]) {
                                   static_cast<long>(now.tv_usec / 1000)));
 }
 
-// From the library's load on the log functions go through this second owner, which spares them the
-// guard of the function-local static.
-const std::shared_ptr<InternalLogger> logger = InternalLogger::getInstance();
+// The logger's memory. It stays when the last owner has let go: a request may still be logging when
+// the process exits.
+alignas(InternalLogger) unsigned char storage[sizeof(InternalLogger)];
+
+// From the library's load on there is this second owner. The log functions go through the plain
+// pointer, which spares them the guard of the function-local static and needs no destruction.
+const std::shared_ptr<InternalLogger> secondOwner = InternalLogger::getInstance();
+InternalLogger* const logger = secondOwner.get();
 
 }  // namespace
 
@@ -86,8 +92,14 @@ InternalLogger::~InternalLogger() {
   closeLogFile();
 }
 
+void InternalLogger::close() {
+  const std::lock_guard lock(mutex);
+  closeLogFile();
+}
+
 std::shared_ptr<InternalLogger> InternalLogger::getInstance() {
-  static const std::shared_ptr<InternalLogger> instance = std::make_shared<InternalLogger>();
+  static const std::shared_ptr<InternalLogger> instance(
+      new (storage) InternalLogger, [](InternalLogger* ended) { ended->close(); });
   return instance;
 }
 
@@ -148,6 +160,9 @@ void InternalLogger::log(std::int32_t messageLevel, const LogTag* tag, const cha
   }
 
   const std::lock_guard lock(mutex);
+  if (stream == nullptr) {
+    return;  // closed since
+  }
   // Required: the position is narrowed to 32 bits before the comparison, and tested before the line
   // is written, so the file may exceed the limit by one line. Pinned by InternalLoggerRotation.*.
   if (static_cast<std::int32_t>(std::ftell(stream)) > kRotationPosition) {

@@ -1,7 +1,8 @@
 // The one log of the library: a text file with a single-generation rotation by size.
 //
-// Any thread may call anything here, from the library's load until its static objects are destroyed
-// at exit or unload. Logging never reports a failure to its caller; the logger's own trouble goes
+// Any thread may call anything here, from the library's load on. When the process exits or the
+// library is unloaded the file is closed, and messages are dropped from then on. Logging never
+// reports a failure to its caller; the logger's own trouble goes
 // to standard error.
 #pragma once
 
@@ -56,6 +57,9 @@ class InternalLogger {
 
   // Creates the logger on the first call (the library's load makes it).
   static std::shared_ptr<InternalLogger> getInstance();
+
+  // Closes the file for good.
+  void close();
 
   // Writes one line, at most 511 bytes before its line feed, and flushes it; drops the message when
   // `messageLevel` is below the threshold. A message that arrives on another thread in the middle

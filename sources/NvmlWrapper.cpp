@@ -70,7 +70,8 @@ std::optional<std::string> busIdOfLine(const std::string& line) {
 }
 
 NvmlWrapper& NvmlWrapper::getInstance() {
-  static NvmlWrapper instance;
+  // Never destroyed: a request may still be in here when the process exits.
+  static NvmlWrapper& instance = *new NvmlWrapper;
   return instance;
 }
 

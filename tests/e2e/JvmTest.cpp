@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Inventory.h"
+#include "Jdks.h"
 #include "PrivateHost.h"
 
 namespace mendline {
@@ -35,27 +36,6 @@ const std::string kStopped = kDeclaration + "<INFO>Finish to stop collector</INF
 
 std::string operation(const std::string& opcode, const std::string& parameters = "") {
   return "<MendlineOperation><opcode>" + opcode + "</opcode>" + parameters + "</MendlineOperation>";
-}
-
-// The java of each JDK here, once, however many names it has.
-std::vector<std::string> javas() {
-  std::map<std::string, std::string> byRealPath;
-  const auto add = [&](const fs::path& java) {
-    std::error_code error;
-    const fs::path real = fs::canonical(java, error);
-    if (!error) {
-      byRealPath.emplace(real.string(), java.string());
-    }
-  };
-  add(MENDLINE_JAVA);
-  for (const auto& jdk : fs::directory_iterator("/usr/lib/jvm")) {
-    add(jdk.path() / "bin/java");
-  }
-  std::vector<std::string> result;
-  for (const auto& [real, java] : byRealPath) {
-    result.push_back(java);
-  }
-  return result;
 }
 
 struct Jvm {

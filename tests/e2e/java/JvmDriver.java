@@ -12,7 +12,8 @@ import java.nio.file.Path;
  *
  * <p>Lines that begin with "!": {@code !sleep MILLISECONDS}, {@code !null} (a null request),
  * {@code !together N REQUEST} (N threads make the same request at once; prints how many distinct
- * answers there were, and the first), {@code !halt STATUS}. The end of input returns from main.
+ * answers there were, and the first), {@code !halt STATUS}, {@code !exit STATUS}. The end of input
+ * returns from main.
  */
 final class JvmDriver {
 
@@ -31,6 +32,8 @@ final class JvmDriver {
                 out.println(escape(MendLineNative.forwardAndHandleRequest(null)));
             } else if (line.startsWith("!halt ")) {
                 Runtime.getRuntime().halt(Integer.parseInt(line.substring(6)));
+            } else if (line.startsWith("!exit ")) {
+                System.exit(Integer.parseInt(line.substring(6)));
             } else if (line.startsWith("!together ")) {
                 String[] words = line.split(" ", 3);
                 together(Integer.parseInt(words[1]), unescape(words[2]), out);
