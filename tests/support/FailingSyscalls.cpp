@@ -3,8 +3,11 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,10 +15,13 @@
 #include <cstddef>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Error.h"
+#include "HostPaths.h"
 
 extern "C" void __gcov_dump() __attribute__((weak));
 
@@ -32,6 +38,18 @@ constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 
 class FilterProgram {
  public:
+  // Notifies a supervisor of these calls; of all, where there are none.
+  explicit FilterProgram(const std::vector<long>& numbers) {
+    load(offsetof(seccomp_data, arch));
+    allowUnlessEqual(kArchitecture);
+    load(offsetof(seccomp_data, nr));
+    for (const long number : numbers) {
+      add(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<std::uint32_t>(number));
+      add(BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF);
+    }
+    add(BPF_RET | BPF_K, 0, 0, numbers.empty() ? SECCOMP_RET_USER_NOTIF : SECCOMP_RET_ALLOW);
+  }
+
   FilterProgram(long number, int error, std::initializer_list<ArgumentMatch> matches) {
     load(offsetof(seccomp_data, arch));
     allowUnlessEqual(kArchitecture);
@@ -72,6 +90,20 @@ class FilterProgram {
 
   std::vector<sock_filter> instructions_;
 };
+
+// For the calling thread and what it starts. Returns the descriptor that calls are reported on.
+int installNotifyingFilter(const std::vector<long>& numbers) {
+  FilterProgram filter(numbers);
+  const sock_fprog program = filter.program();
+  long result =
+      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
+  if (result < 0 && errno == EACCES) {
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    result =
+        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
+  }
+  return static_cast<int>(result);
+}
 
 void flushCoverage() {
   if (__gcov_dump != nullptr) {
@@ -149,6 +181,126 @@ testing::AssertionResult inChild(const std::function<void()>& body) {
     default:
       return testing::AssertionFailure()
              << "the child exited with status " << WEXITSTATUS(status) << " before its end";
+  }
+}
+
+std::string SupervisedCall::textAt(unsigned index) const {
+  std::string text;
+  // Up to the end of a page at a time: what is behind it need not be there.
+  constexpr std::uint64_t kPage = 4096;
+  std::array<char, kPage> piece = {};
+  for (std::uint64_t address = arguments[index]; text.size() < kPage;) {
+    const std::size_t wanted = kPage - address % kPage;
+    const iovec here = {piece.data(), wanted};
+    const iovec there = {reinterpret_cast<void*>(address), wanted};
+    const ssize_t count = process_vm_readv(thread, &here, 1, &there, 1, 0);
+    if (count <= 0) {
+      return "";
+    }
+    const std::string read(piece.data(), static_cast<std::size_t>(count));
+    const std::size_t end = read.find('\0');
+    text += read.substr(0, end);
+    if (end != std::string::npos) {
+      return text;
+    }
+    address += static_cast<std::uint64_t>(count);
+  }
+  return text;
+}
+
+std::string SupervisedCall::fileAt(unsigned index) const {
+  const std::string link = std::string(kTrueProc) + "/" + std::to_string(thread) + "/fd/" +
+                           std::to_string(static_cast<int>(arguments[index]));
+  std::array<char, 4096> target = {};
+  const ssize_t length = readlink(link.c_str(), target.data(), target.size());
+  return length < 0 ? "" : std::string(target.data(), static_cast<std::size_t>(length));
+}
+
+SyscallSupervisor::SyscallSupervisor(Judge judge, std::vector<long> numbers)
+    : judge_(std::move(judge)), numbers_(std::move(numbers)) {}
+
+SyscallSupervisor::~SyscallSupervisor() {
+  ended_ = true;
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  if (listener_ >= 0) {
+    close(listener_);
+  }
+}
+
+RunningProgram SyscallSupervisor::start(const Program& program) {
+  // A filter belongs to the thread that installs it and to what that starts, hence a thread that
+  // does nothing else. Its own calls are reported from then on, so nothing may wait for it before
+  // somebody listens.
+  std::optional<RunningProgram> running;
+  std::exception_ptr thrown;
+  std::atomic<int> error = 0;
+  std::thread launcher([&] {
+    const int listener = installNotifyingFilter(numbers_);
+    if (listener < 0) {
+      error = errno;
+      return;
+    }
+    listener_ = listener;
+    try {
+      running.emplace(program.start());
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+  });
+  while (listener_ < 0 && error == 0) {
+    std::this_thread::yield();
+  }
+  if (listener_ >= 0) {
+    thread_ = std::thread([this] { judgeCalls(); });
+  }
+  launcher.join();
+  if (error != 0) {
+    errno = error;
+    throwErrno("cannot supervise system calls");
+  }
+  if (thrown) {
+    std::rethrow_exception(thrown);
+  }
+  return std::move(*running);
+}
+
+void SyscallSupervisor::judgeCalls() {
+  constexpr int kPatienceMs = 100;
+  while (!ended_) {
+    pollfd waiting = {listener_, POLLIN, 0};
+    if (poll(&waiting, 1, kPatienceMs) <= 0) {
+      continue;
+    }
+    if ((waiting.revents & POLLIN) == 0) {
+      return;  // nobody is left who could call
+    }
+    seccomp_notif notice = {};
+    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &notice) != 0) {
+      continue;  // the caller was killed in the meantime
+    }
+    SupervisedCall call;
+    call.number = notice.data.nr;
+    call.thread = static_cast<pid_t>(notice.pid);
+    for (std::size_t i = 0; i < call.arguments.size(); ++i) {
+      call.arguments[i] = notice.data.args[i];
+    }
+    const Verdict verdict = judge_(call);
+    seccomp_notif_resp response = {};
+    response.id = notice.id;
+    switch (verdict.kind) {
+      case Verdict::Kind::GoOn:
+        response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+        break;
+      case Verdict::Kind::Fail:
+        response.error = -static_cast<std::int32_t>(verdict.value);
+        break;
+      case Verdict::Kind::Pretend:
+        response.val = verdict.value;
+        break;
+    }
+    ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &response);
   }
 }
 

@@ -1,14 +1,24 @@
-// Makes a chosen system call of this process fail with a chosen errno.
+// Makes chosen system calls fail with a chosen errno.
 //
-// For good: neither this process nor one it starts later can undo it. Every test is a process of
-// its own, so it harms no other test; use inChild where one test needs both worlds.
+// failSyscall is for good: neither this process nor one it starts later can undo it. Every test is
+// a process of its own, so it harms no other test; use inChild where one test needs both worlds. A
+// SyscallSupervisor decides call by call, for a program that it starts and for nothing else.
 #pragma once
 
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "Program.h"
 
 namespace mendline::rig {
 
@@ -33,5 +43,57 @@ void failSyscall(long number, int error, std::initializer_list<ArgumentMatch> ma
 // Runs the body in a forked copy of this process, which has this thread only, and waits for it.
 // Fails if the body throws, records a failure or does not come to its end.
 testing::AssertionResult inChild(const std::function<void()>& body);
+
+// One system call of a supervised program, which waits until it has been judged.
+struct SupervisedCall {
+  long number = -1;   // SYS_...
+  pid_t thread = -1;  // the main thread has the number of the process
+  std::array<std::uint64_t, 6> arguments = {};
+
+  // The text that a pointer argument leads to, "" if there is none.
+  std::string textAt(unsigned index) const;
+  // The path behind an argument that is a descriptor, "" if there is none.
+  std::string fileAt(unsigned index) const;
+};
+
+struct Verdict {
+  enum class Kind { GoOn, Fail, Pretend };
+  Kind kind = Kind::GoOn;
+  std::int64_t value = 0;
+
+  static Verdict goOn() { return {}; }
+  // The kernel does nothing and the call fails with this errno.
+  static Verdict fail(int error) { return {Kind::Fail, error}; }
+  // The kernel does nothing and the call returns this.
+  static Verdict pretend(std::int64_t value) { return {Kind::Pretend, value}; }
+};
+
+// Puts system calls of a program to a judge. A call made by any thread of the program, or by what
+// it starts, waits for its verdict; the judge is asked on a thread of the supervisor, one call at a
+// time, and must neither wait for the program nor throw.
+class SyscallSupervisor {
+ public:
+  using Judge = std::function<Verdict(const SupervisedCall&)>;
+
+  // Only calls with these numbers are put to the judge; without any, all are.
+  explicit SyscallSupervisor(Judge judge, std::vector<long> numbers = {});
+  // What is still running of the program can make none of those calls any more.
+  ~SyscallSupervisor();
+  SyscallSupervisor(const SyscallSupervisor&) = delete;
+  SyscallSupervisor& operator=(const SyscallSupervisor&) = delete;
+
+  // Starts the program; once for each supervisor. The judge sees it from before its first
+  // instruction, so the loader's calls too. Throws Error where the operating system refuses.
+  RunningProgram start(const Program& program);
+
+ private:
+  void judgeCalls();
+
+  Judge judge_;
+  std::vector<long> numbers_;
+  std::atomic<int> listener_ = -1;
+  std::atomic<bool> ended_ = false;
+  std::thread thread_;
+};
 
 }  // namespace mendline::rig
