@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gateway/MendLineOperation.h"
+#include "gateway/ModifiedUtf8.h"
 
 extern "C" JNIEXPORT jstring JNICALL
 Java_com_norvane_vdi_agent_standalone_utility_MendLineNative_forwardAndHandleRequest(
@@ -22,5 +23,6 @@ Java_com_norvane_vdi_agent_standalone_utility_MendLineNative_forwardAndHandleReq
 
   std::string responseText;
   mendline::handleRequest(requestText, responseText);
+  mendline::makeModifiedUtf8(responseText);
   return env->NewStringUTF(responseText.c_str());
 }

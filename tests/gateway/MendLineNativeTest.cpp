@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FakeJvm.h"
@@ -168,11 +169,42 @@ TEST_F(MendLineNative, AnswersAnEmptyRequest) {
   EXPECT_TRUE(call.balanced());
 }
 
-// Modified UTF-8: a NUL in two bytes, a character outside the basic plane as two surrogates.
-TEST_F(MendLineNative, TakesAndGivesTheBytesAsTheyAre) {
-  const std::string word = "\xC0\x80 \xED\xA0\xBD\xED\xB8\x80 \xC3\xA9 \xFF";
+// A NUL in two bytes, a character outside the basic plane as two surrogates, a surrogate alone.
+TEST_F(MendLineNative, TakesAndGivesModifiedUtf8AsItIs) {
+  const std::string word = "\xC0\x80 \xED\xA0\xBD\xED\xB8\x80 \xED\xA0\xBD \xC3\xA9 \xE4\xB8\xAD";
   const rig::Call call = request(setLogLevelTo(word));
   EXPECT_EQ(call.answer, kDeclaration + ("<ERROR>Invalid loglevel " + word) + "</ERROR>");
+}
+
+TEST_F(MendLineNative, HandsBackLegalModifiedUtf8WhateverTheAnswerHolds) {
+  const std::string replaced = "\xEF\xBF\xBD";
+  const std::vector<std::pair<std::string, std::string>> words = {
+      {"\xFF", replaced},
+      {"\xE4\xB8", replaced + replaced},
+      {"a\x80z", "a" + replaced + "z"},
+      {"\xC1\x81", replaced + replaced},
+      {"\xF0\x9F\x98\x80", "\xED\xA0\xBD\xED\xB8\x80"},
+      {"&#x1F600;", "\xED\xA0\xBD\xED\xB8\x80"},
+      {"&#233;&#x4E2D;", "\xC3\xA9\xE4\xB8\xAD"},
+      // Without this, the answer would end there.
+      {"a&#0;z", "a" + replaced + "z"},
+  };
+  for (const auto& [word, given] : words) {
+    EXPECT_EQ(request(setLogLevelTo(word)).answer,
+              kDeclaration + ("<ERROR>Invalid loglevel " + given) + "</ERROR>")
+        << word;
+  }
+}
+
+TEST_F(MendLineNative, HandsBackTheFallbackForARequestThatIsNestedTooDeeply) {
+  std::string deep;
+  for (int i = 0; i < 100'000; ++i) {
+    deep += "<a>";
+  }
+  const rig::Call call = request(deep);
+  EXPECT_EQ(call.answer, kFallback);
+  EXPECT_TRUE(call.balanced());
+  EXPECT_TRUE(host.log().has("Error", "MendLineOperation", "nested deeper than 512"));
 }
 
 TEST_F(MendLineNative, TakesAndGivesLongTextsWhole) {
