@@ -2,6 +2,7 @@
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -10,6 +11,8 @@
 #include "gateway/LogLevelOperations.h"
 #include "gateway/ProcessOperations.h"
 #include "gateway/ProtocolOperation.h"
+#include "gateway/RequestNesting.h"
+#include "generators/NumberConversion.h"
 #include "logging/InternalLogger.h"
 
 namespace mendline {
@@ -93,6 +96,11 @@ void handleRequest(const std::string& request, std::string& response) {
   std::istringstream requestStream(request);
   LogDebug(&kTag, "Receive mendline request %s", request.c_str());
   try {
+    if (const std::optional<long> line = lineNestedTooDeeply(request)) {
+      throw boost::property_tree::xml_parser_error(
+          "elements nested deeper than " + decimalText(kDeepestNesting), "",
+          static_cast<unsigned long>(*line));
+    }
     boost::property_tree::read_xml(requestStream, requestTree, 0);
     dispatchOperation(requestTree, responseTree);
     std::ostringstream responseStream;
