@@ -46,14 +46,14 @@ std::string demangled(const std::string& symbol) {
   return status == 0 ? text.get() : symbol;
 }
 
-bool covers(const FaultRow& row, const std::string& name) {
+[[maybe_unused]] bool covers(const FaultRow& row, const std::string& name) {
   const std::string_view pattern = row.call;
   return pattern.back() == '*' ? name.rfind(pattern.substr(0, pattern.size() - 1), 0) == 0
                                : name == pattern;
 }
 
 // Without the version behind the @.
-std::set<std::string> importsOfTheShippedFile() {
+[[maybe_unused]] std::set<std::string> importsOfTheShippedFile() {
   std::istringstream lines(
       commandOutput("nm -D --undefined-only " + std::string(MENDLINE_LIBRARY)));
   std::set<std::string> names;
