@@ -1,6 +1,5 @@
 #include "FailingSyscalls.h"
 
-#include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -11,45 +10,26 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Error.h"
 #include "HostPaths.h"
+#include "NotifyingFilter.h"
 
 extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace mendline::rig {
 namespace {
 
-#if defined(__x86_64__)
-constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
-#else
-#error "state the audit architecture of this processor"
-#endif
-
 class FilterProgram {
  public:
-  // Notifies a supervisor of these calls; of all, where there are none.
-  explicit FilterProgram(const std::vector<long>& numbers) {
-    load(offsetof(seccomp_data, arch));
-    allowUnlessEqual(kArchitecture);
-    load(offsetof(seccomp_data, nr));
-    for (const long number : numbers) {
-      add(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<std::uint32_t>(number));
-      add(BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF);
-    }
-    add(BPF_RET | BPF_K, 0, 0, numbers.empty() ? SECCOMP_RET_USER_NOTIF : SECCOMP_RET_ALLOW);
-  }
-
   FilterProgram(long number, int error, std::initializer_list<ArgumentMatch> matches) {
     load(offsetof(seccomp_data, arch));
     allowUnlessEqual(kArchitecture);
@@ -91,18 +71,25 @@ class FilterProgram {
   std::vector<sock_filter> instructions_;
 };
 
-// For the calling thread and what it starts. Returns the descriptor that calls are reported on.
-int installNotifyingFilter(const std::vector<long>& numbers) {
-  FilterProgram filter(numbers);
-  const sock_fprog program = filter.program();
-  long result =
-      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
-  if (result < 0 && errno == EACCES) {
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    result =
-        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
+// The listener of a program that has just been started, as soon as it has put itself under
+// supervision; -1 when it has ended instead.
+int takeListener(const RunningProgram& program) {
+  const int process = static_cast<int>(syscall(SYS_pidfd_open, program.pid(), 0));
+  if (process < 0) {
+    throwErrno("cannot hold on to the program");
   }
-  return static_cast<int>(result);
+  int listener = -1;
+  while (listener < 0 && program.isRunning()) {
+    listener = static_cast<int>(syscall(SYS_pidfd_getfd, process, kListenerDescriptor, 0));
+    // Before, the loader has libraries open under the same number.
+    std::uint64_t id = 0;
+    if (listener >= 0 && ioctl(listener, SECCOMP_IOCTL_NOTIF_ID_VALID, &id) != 0 &&
+        errno != ENOENT) {
+      close(std::exchange(listener, -1));
+    }
+  }
+  close(process);
+  return listener;
 }
 
 void flushCoverage() {
@@ -230,40 +217,19 @@ SyscallSupervisor::~SyscallSupervisor() {
 }
 
 RunningProgram SyscallSupervisor::start(const Program& program) {
-  // A filter belongs to the thread that installs it and to what that starts, hence a thread that
-  // does nothing else. Its own calls are reported from then on, so nothing may wait for it before
-  // somebody listens.
-  std::optional<RunningProgram> running;
-  std::exception_ptr thrown;
-  std::atomic<int> error = 0;
-  std::thread launcher([&] {
-    const int listener = installNotifyingFilter(numbers_);
-    if (listener < 0) {
-      error = errno;
-      return;
-    }
-    listener_ = listener;
-    try {
-      running.emplace(program.start());
-    } catch (...) {
-      thrown = std::current_exception();
-    }
-  });
-  while (listener_ < 0 && error == 0) {
-    std::this_thread::yield();
+  std::string numbers;
+  for (const long number : numbers_) {
+    numbers += (numbers.empty() ? "" : ",") + std::to_string(number);
   }
-  if (listener_ >= 0) {
-    thread_ = std::thread([this] { judgeCalls(); });
+  RunningProgram running =
+      program.launchedBy({SUPERVISED_PROGRAM, numbers.empty() ? "all" : numbers}).start();
+  listener_ = takeListener(running);
+  if (listener_ < 0) {
+    throw Error("the program cannot be started under supervision: status " +
+                std::to_string(running.wait()));
   }
-  launcher.join();
-  if (error != 0) {
-    errno = error;
-    throwErrno("cannot supervise system calls");
-  }
-  if (thrown) {
-    std::rethrow_exception(thrown);
-  }
-  return std::move(*running);
+  thread_ = std::thread([this] { judgeCalls(); });
+  return running;
 }
 
 void SyscallSupervisor::judgeCalls() {
@@ -286,7 +252,10 @@ void SyscallSupervisor::judgeCalls() {
     for (std::size_t i = 0; i < call.arguments.size(); ++i) {
       call.arguments[i] = notice.data.args[i];
     }
-    const Verdict verdict = judge_(call);
+    // The launcher has execve reported whatever was chosen.
+    const bool chosen =
+        numbers_.empty() || std::ranges::find(numbers_, call.number) != numbers_.end();
+    const Verdict verdict = chosen ? judge_(call) : Verdict::goOn();
     seccomp_notif_resp response = {};
     response.id = notice.id;
     switch (verdict.kind) {

@@ -82,8 +82,9 @@ class SyscallSupervisor {
   SyscallSupervisor(const SyscallSupervisor&) = delete;
   SyscallSupervisor& operator=(const SyscallSupervisor&) = delete;
 
-  // Starts the program; once for each supervisor. The judge sees it from before its first
-  // instruction, so the loader's calls too. Throws Error where the operating system refuses.
+  // Starts the program, which is named by its path; once for each supervisor. The judge sees it
+  // from before its first instruction, so the loader's calls too. Throws Error where that cannot be
+  // done.
   RunningProgram start(const Program& program);
 
  private:
@@ -91,7 +92,7 @@ class SyscallSupervisor {
 
   Judge judge_;
   std::vector<long> numbers_;
-  std::atomic<int> listener_ = -1;
+  int listener_ = -1;
   std::atomic<bool> ended_ = false;
   std::thread thread_;
 };

@@ -229,6 +229,12 @@ Program& Program::withClockSpeed(int speed) {
   return *this;
 }
 
+Program Program::launchedBy(const std::vector<std::string>& launcher) const {
+  Program launched = *this;
+  launched.commandLine_.insert(launched.commandLine_.begin(), launcher.begin(), launcher.end());
+  return launched;
+}
+
 // The descriptors that become the program's first three; a negative one stays as it is.
 struct Program::Ends {
   int input;

@@ -69,6 +69,8 @@ class Program {
   Program& withTimeout(std::chrono::milliseconds timeout);
   // Runs its clocks this many times as fast; see TickClock.h.
   Program& withClockSpeed(int speed);
+  // The same program, whose command line is handed to this launcher.
+  Program launchedBy(const std::vector<std::string>& launcher) const;
 
   Run run() const;
   // Goes on while the caller does; input and timeout are not used.
