@@ -115,6 +115,7 @@ TEST_F(FlareworkerSim, MovesTheCountersOfTheDisplaysItIsTold) {
     }));
     EXPECT_TRUE(rig::eventually([&] {
       return loadShared(recordOf(index).imagingTransmitted) > before.imagingTransmitted &&
+             loadShared(recordOf(index).cdrReceived) > 0 &&
              loadShared(recordOf(index).frameRate) != before.frameRate;
     })) << index;
     EXPECT_GT(loadShared(recordOf(index).rtt), 0.0);
@@ -159,6 +160,13 @@ TEST_F(FlareworkerSim, CountsFromTheConfiguredRange) {
       {"Desktop.displayNumberMin=20x\n", "103", 3},
       {"Desktop.displayNumberMin=150\n", "153", 3},
       {"Desktop.displayNumberMin=50\nno configuration\n", "103", 3},
+      {"Desktop.displayNumberMin=50\nDesktop.displayNumberMin=60\n", "103", 3},
+      {"Desktop.displayNumberMin=50\n[Section]\nOption=1\nOption=2\n", "103", 3},
+      {"Desktop.displayNumberMin=50\n[Section]\nA=1\n[Section]\nB=2\n", "103", 3},
+      {"Desktop.displayNumberMin=50\n[Section\n", "103", 3},
+      {"Desktop.displayNumberMin=50\n=1\n", "103", 3},
+      {"Desktop.displayNumberMin=50\n[One]\nOption=1\n[Two]\nOption=1\n", "53", 3},
+      {"Desktop.displayNumberMin=+120\n", "123", 3},
   };
   for (const auto& example : kCases) {
     host.withConfig(example.config);

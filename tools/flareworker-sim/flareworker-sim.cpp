@@ -23,7 +23,10 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <istream>
+#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -219,40 +222,76 @@ std::string trimmed(const std::string& text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// The lowest display of the range, worked out from the agent's configuration as the library does:
-// two keys in front of every section, brought into 0 to 59535, else 100 to 159.
-int lowestDisplay() {
-  constexpr int kHighestAllowed = 59535;
-  constexpr int kUsualLowest = 100;
-  constexpr int kUsualHighest = 159;
-  int lowest = kUsualLowest;
-  int highest = kUsualHighest;
-  std::ifstream file(kConfigFile);
-  bool inSection = false;
+// A whole number as the library reads one: a sign may stand in front, "+" too.
+std::optional<int> configuredNumber(std::string_view text) {
+  if (text.size() > 1 && text[0] == '+' && text[1] != '-') {
+    text.remove_prefix(1);
+  }
+  return wholeNumber<int>(text);
+}
+
+// The keys of the agent's configuration in front of every section; nothing where the library would
+// reject the file: a line that is none, a key or a section that stands twice.
+std::optional<std::map<std::string, std::string>> readConfiguration(std::istream& file) {
+  std::map<std::string, std::string> keys;
+  std::set<std::string> seen;
+  std::string section;
   for (std::string line; std::getline(file, line);) {
     line = trimmed(line);
     if (line.empty() || line[0] == ';' || line[0] == '#') {
       continue;
     }
     if (line[0] == '[') {
-      inSection = true;
+      const std::size_t end = line.find(']');
+      if (end == std::string::npos) {
+        return std::nullopt;
+      }
+      section = trimmed(line.substr(1, end - 1));
+      // A section is a key beside the others.
+      if (!seen.insert("\n" + section).second) {
+        return std::nullopt;
+      }
+      section += '\n';
       continue;
     }
     const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) {
-      return kUsualLowest;  // no configuration at all, to the library
+    if (equals == std::string::npos || equals == 0) {
+      return std::nullopt;
     }
     const std::string key = trimmed(line.substr(0, equals));
-    const std::optional<int> value = wholeNumber<int>(trimmed(line.substr(equals + 1)));
-    if (inSection || !value) {
-      continue;
+    if (!seen.insert((section.empty() ? "\n" : section) + key).second) {
+      return std::nullopt;
     }
-    if (key == "Desktop.displayNumberMin") {
-      lowest = *value;
-    } else if (key == "Desktop.displayNumberMax") {
-      highest = *value;
+    if (section.empty()) {
+      keys[key] = trimmed(line.substr(equals + 1));
     }
   }
+  return keys;
+}
+
+// The lowest display of the range, worked out from the agent's configuration as the library does
+// when it starts: two keys, brought into 0 to 59535, else 100 to 159. A range that the library has
+// kept from an earlier configuration can't be known here.
+int lowestDisplay() {
+  constexpr int kHighestAllowed = 59535;
+  constexpr int kUsualLowest = 100;
+  constexpr int kUsualHighest = 159;
+  std::ifstream file(kConfigFile);
+  if (!file) {
+    if (errno != ENOENT) {
+      fail(std::string("cannot read ") + kConfigFile);
+    }
+    return kUsualLowest;
+  }
+  const auto keys = readConfiguration(file);
+  const auto numberOf = [&](const char* key, int usual) {
+    if (!keys || keys->count(key) == 0) {
+      return usual;
+    }
+    return configuredNumber(keys->at(key)).value_or(usual);
+  };
+  const int lowest = numberOf("Desktop.displayNumberMin", kUsualLowest);
+  const int highest = numberOf("Desktop.displayNumberMax", kUsualHighest);
   const bool rejected = lowest > highest || (lowest < 0 && highest < 0) ||
                         (lowest > kHighestAllowed && highest > kHighestAllowed);
   return rejected ? kUsualLowest : std::max(lowest, 0);
@@ -288,9 +327,15 @@ class Table {
     return Table(id, static_cast<Record*>(address), status.shm_segsz / sizeof(Record));
   }
 
+  // Removed, or no longer the one that the key file leads to.
   bool isRemoved() const {
     shmid_ds status = {};
-    return shmctl(id_, IPC_STAT, &status) != 0 || (status.shm_perm.mode & SHM_DEST) != 0;
+    if (shmctl(id_, IPC_STAT, &status) != 0 || (status.shm_perm.mode & SHM_DEST) != 0) {
+      return true;
+    }
+    const key_t key = ftok(kKeyFile, kKeyProject);
+    const int id = key == -1 ? -1 : shmget(key, 0, 0);
+    return id != -1 && id != id_;
   }
 
   bool holds(long index) const { return index >= 0 && static_cast<std::size_t>(index) < count_; }
@@ -318,7 +363,8 @@ class Table {
 
 // What a desktop in use looks like, different for each display: figures that swing, bytes that only
 // grow.
-void advance(Record& record, int display, double second, double seconds) {
+void advance(Record& record, double (&sums)[kCounters], int display, double second,
+             double seconds) {
   const auto swing = [&](double period) { return std::sin(second / period + display); };
   const double frames = 24.0 + 6.0 * swing(7.0);
   const double roundTrip = 18.0 + 7.0 * swing(5.0);
@@ -330,7 +376,9 @@ void advance(Record& record, int display, double second, double seconds) {
   record.figures[3] = bandwidth;
   const double perSecond[kCounters] = {2'000, frames * 12'000, 500, 16'000, 150, 900};
   for (std::size_t i = 0; i < kCounters; ++i) {
-    record.bytes[i] += static_cast<std::uint64_t>(perSecond[i] * seconds);
+    // Summed up as a fraction, or a slow counter would never move.
+    sums[i] += perSecond[i] * seconds;
+    record.bytes[i] = static_cast<std::uint64_t>(sums[i]);
   }
 }
 
@@ -369,18 +417,20 @@ bool fill(const Table& table, const Options& options, const sigset_t& ending) {
                     " is outside the table, which begins with " + std::to_string(lowest));
     }
   }
-  std::vector<Record> records(options.sessions.size());
+  struct Moving {
+    Record record;
+    double sums[kCounters] = {};
+  };
+  std::vector<Moving> moving(options.sessions.size());
   double before = now();
   while (!table.isRemoved()) {
     const double second = now();
-    for (std::size_t i = 0; i < records.size(); ++i) {
+    for (std::size_t i = 0; i < moving.size(); ++i) {
       const Session& session = options.sessions[i];
-      if (session.fixed) {
-        records[i] = *session.fixed;
-      } else {
-        advance(records[i], session.display, second, second - before);
+      if (!session.fixed) {
+        advance(moving[i].record, moving[i].sums, session.display, second, second - before);
       }
-      table.write(long{session.display} - lowest, records[i]);
+      table.write(long{session.display} - lowest, session.fixed.value_or(moving[i].record));
     }
     before = second;
     if (options.once || waited(ending, options.intervalMs)) {
@@ -396,6 +446,10 @@ void run(const Options& options) {
   bool told = false;
   while (true) {
     if (const std::optional<Table> table = Table::attach()) {
+      // One that has appeared just now is handed over first and zeroed then.
+      if (told && waited(ending, options.intervalMs)) {
+        return;
+      }
       told = false;
       say("writing");
       if (fill(*table, options, ending)) {
