@@ -120,8 +120,11 @@ class LifeCycleInJvm : public testing::TestWithParam<Case> {
             .start();
     // All threads start, stop or report at the same time, but never one thing and its opposite.
     for (const std::string& request : sequence) {
+      const char* const expected = request == kStart  ? "<INFO>Succeed to start collector</INFO>"
+                                   : request == kStop ? "<INFO>Finish to stop collector</INFO>"
+                                                      : "<processMetrics>";
       EXPECT_THAT(jvm.ask("!together " + std::to_string(threads) + " " + request),
-                  testing::ContainsRegex("^[1-8] <.xml "));
+                  HasSubstr(expected));
     }
     const Ending& ending = GetParam().ending;
     if (ending.signalNumber != 0) {
@@ -218,6 +221,7 @@ TEST_F(LifeCycle, ProcessesEndAtAnyMomentOfAStart) {
   for (int microseconds = 0; microseconds < 20'000; microseconds += 400) {
     rig::RunningProgram driver =
         host.program({REQUEST_DRIVER_PROGRAM, MENDLINE_LIBRARY}).withClockSpeed(6000).start();
+    driver.ask("!threads");  // the library is loaded then
     driver.send(kStart);
     std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
     EXPECT_EQ(driver.stop(SIGKILL), 128 + SIGKILL);
@@ -259,7 +263,7 @@ TEST_F(LifeCycle, CreationTimesAndUptimesHoldAfterALongLife) {
       "<MendlineOperation><opcode>EndProcess</opcode><processId>" + std::to_string(guest.pid()) +
       "</processId><createTime>" + std::to_string(created) + "</createTime></MendlineOperation>");
   EXPECT_THAT(answer, HasSubstr("<terminatedProcessName>guest</terminatedProcessName>"));
-  EXPECT_FALSE(guest.isRunning());
+  EXPECT_TRUE(rig::eventually([&] { return !guest.isRunning(); }));
   EXPECT_THAT(driver.ask(kStop), HasSubstr("Finish"));
   driver.closeInput();
   EXPECT_EQ(driver.wait(), 0);
