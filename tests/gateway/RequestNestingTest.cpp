@@ -123,6 +123,11 @@ TEST(RequestNesting, TakesAQuoteOfTheOtherKindForPartOfAnAttribute) {
   EXPECT_EQ(lineNestedTooDeeply(nested(511, "<b c=\"'>\" d='/>'><c/></b>")), 1);
 }
 
+TEST(RequestNesting, TakesBlanksOnEitherSideOfAnAttributesSign) {
+  EXPECT_EQ(lineNestedTooDeeply(nested(511, "<b c = 'x'  d\n=\t'y' >x</b>")), std::nullopt);
+  EXPECT_EQ(lineNestedTooDeeply(nested(511, "<b c = 'x'  d\n=\t'y' ><c/></b>")), 2);
+}
+
 TEST(RequestNesting, ClosingTagsTakeALevelBackWhateverTheyName) {
   EXPECT_EQ(lineNestedTooDeeply(repeated("<a></b>", 5000)), std::nullopt);
   EXPECT_EQ(lineNestedTooDeeply("<r>" + repeated("<a></ b >", 5000) + "</r>"), std::nullopt);
