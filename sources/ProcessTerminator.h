@@ -14,8 +14,7 @@ namespace mendline {
 class ProcessTerminator {
  public:
   // Sends SIGTERM, once, to the process `pid` if it was created at `createTime`, in seconds since
-  // the epoch: a report may be minutes old, and a younger process under the same pid is never
-  // touched. True when the signal went out; then waits 100 milliseconds for the process to go and
+  // the epoch: a report may be minutes old, and the pid another process's by now. True when the signal went out; then waits 100 milliseconds for the process to go and
   // puts its name under "terminatedProcessName" in `responseTree`. False, with the reason logged
   // and nothing put, when the process can't be read, is another one, or can't be signalled.
   // Required: a process that outlives the wait is answered as terminated. Pinned by
