@@ -3,7 +3,10 @@
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <optional>
+#include <ostream>
 #include <sstream>
+#include <streambuf>
+#include <string>
 #include <utility>
 
 #include "collector/CollectorControl.h"
@@ -54,6 +57,28 @@ void clearShm(const ptree& requestTree, ptree& responseTree) {
   putResult(responseTree, "INFO", "Finish to clear shared memory");
 }
 
+// What is written through it is behind `text` at once. A string stream would hold the whole answer
+// a second time when it hands it over.
+class AppendingBuffer : public std::streambuf {
+ public:
+  explicit AppendingBuffer(std::string& text) : text_(text) {}
+
+ protected:
+  std::streamsize xsputn(const char* characters, std::streamsize count) override {
+    text_.append(characters, static_cast<std::size_t>(count));
+    return count;
+  }
+  int_type overflow(int_type character) override {
+    if (!traits_type::eq_int_type(character, traits_type::eof())) {
+      text_ += traits_type::to_char_type(character);
+    }
+    return traits_type::not_eof(character);
+  }
+
+ private:
+  std::string& text_;
+};
+
 struct Operation {
   const char* opcode;
   void (*run)(const ptree& requestTree, ptree& responseTree);
@@ -103,11 +128,13 @@ void handleRequest(const std::string& request, std::string& response) {
     }
     boost::property_tree::read_xml(requestStream, requestTree, 0);
     dispatchOperation(requestTree, responseTree);
-    std::ostringstream responseStream;
+    std::string answer;
+    AppendingBuffer answerBuffer(answer);
+    std::ostream responseStream(&answerBuffer);
     boost::property_tree::write_xml(
         responseStream, responseTree,
         boost::property_tree::xml_writer_make_settings<std::string>(' ', 0, "utf-8"));
-    response = std::move(responseStream).str();
+    response = std::move(answer);
   } catch (const boost::property_tree::xml_parser_error& error) {
     LogError(&kTag, "Failed to parse xml, error is %s", error.what());
     response = kFallbackAnswer;

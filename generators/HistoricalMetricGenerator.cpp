@@ -98,24 +98,29 @@ void update(const PerfSample& previous, const PerfSample& current, HistoryRecord
   static_cast<void>(getSystemUptime(record.uptime));
 }
 
+// A tree has no move: whatever is put into another one is copied with all its children. So an
+// element goes in empty and is filled where it is. No name comes twice in a record.
+void append(ptree& tree, const std::string& name, std::string text) {
+  tree.push_back({name, ptree()})->second.data() = std::move(text);
+}
+
 // Required: figures are cut to whole numbers, so a share of 0.6 percent is sent as 0 and NaN as
 // 9223372036854775808. Pinned by HistoricalMetricsReport.*.
-ptree metricElement(const HistoryRecord& record, std::uint32_t uid, const std::string& display) {
-  ptree element;
-  element.put("timestamp", decimalText(record.uptime));
+void fillMetric(ptree& element, const HistoryRecord& record, std::uint32_t uid,
+                const std::string& display) {
+  append(element, "timestamp", decimalText(record.uptime));
   for (const NamedMetric& metric : record.systemMetrics) {
-    element.put(metric.name, decimalText(truncateToUnsigned(metric.value)));
+    append(element, metric.name, decimalText(truncateToUnsigned(metric.value)));
   }
   if (const auto latency = record.sessionMetrics.find(display);
       latency != record.sessionMetrics.end()) {
-    element.put("flare_latency", decimalText(truncateToSigned(latency->second)));
+    append(element, "flare_latency", decimalText(truncateToSigned(latency->second)));
   }
   for (const UserMetric& metric : record.userMetrics) {
     if (metric.uid == static_cast<std::int32_t>(uid)) {
-      element.put(metric.name, decimalText(truncateToUnsigned(metric.value)));
+      append(element, metric.name, decimalText(truncateToUnsigned(metric.value)));
     }
   }
-  return element;
 }
 
 }  // namespace
@@ -128,11 +133,12 @@ std::shared_ptr<HistoricalMetricGenerator> HistoricalMetricGenerator::getInstanc
 }
 
 void HistoricalMetricGenerator::generate(const PerfSample& sample) {
-  PerfSample current = sample;
   HistoryRecord record;
-  update(previousSample, current, record);
+  update(previousSample, sample, record);
   appendRecord(record);
-  std::swap(previousSample, current);
+  // A copy, because the sample is not this generator's. Assigned, because that reuses the memory of
+  // what was there.
+  previousSample = sample;
 }
 
 LatestSystemFigures HistoricalMetricGenerator::getLatestSystemFigures() {
@@ -159,11 +165,10 @@ void HistoricalMetricGenerator::buildReport(std::uint32_t uid, const std::string
   if (history.empty()) {
     return;
   }
-  ptree metrics;
+  ptree& metrics = responseTree.push_back({"historicalMetrics", ptree()})->second;
   for (const HistoryRecord& record : history) {
-    metrics.push_back(std::make_pair("metric", metricElement(record, uid, display)));
+    fillMetric(metrics.push_back({"metric", ptree()})->second, record, uid, display);
   }
-  responseTree.push_back(std::make_pair("historicalMetrics", metrics));
 }
 
 void HistoricalMetricGenerator::appendRecord(const HistoryRecord& record) {

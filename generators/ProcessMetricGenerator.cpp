@@ -28,6 +28,7 @@ ProcessMetricSet buildTable(const ProcessInfoSet& processes, std::uint64_t elaps
   static_cast<void>(getPageSize(pageSize));
 
   ProcessMetricSet table;
+  table.reserve(processes.size());
   for (const ProcessInfo& info : processes) {
     ProcessMetric metric;
     if (const auto previous = previousProcesses.find(info); previous != previousProcesses.end()) {
@@ -44,16 +45,32 @@ ProcessMetricSet buildTable(const ProcessInfoSet& processes, std::uint64_t elaps
   return table;
 }
 
-ptree processElement(const ProcessMetric& metric) {
-  ptree element;
-  element.put("id", decimalText(metric.id));
-  element.put("create_time", decimalText(metric.create_time));
-  element.put("name", metric.name);
-  element.put("cpu", decimalText(metric.cpu));
-  element.put("mem", decimalText(metric.mem));
-  element.put("disk", decimalText(metric.disk));
-  element.put("user_name", metric.user_name);
-  return element;
+// A tree has no move: whatever is put into another one is copied with all its children. So an
+// element goes in empty and is filled where it is, and the empty ones are made once per report.
+struct RowElements {
+  const ptree::value_type process{"process", ptree()};
+  const ptree::value_type id{"id", ptree()};
+  const ptree::value_type createTime{"create_time", ptree()};
+  const ptree::value_type name{"name", ptree()};
+  const ptree::value_type cpu{"cpu", ptree()};
+  const ptree::value_type mem{"mem", ptree()};
+  const ptree::value_type disk{"disk", ptree()};
+  const ptree::value_type userName{"user_name", ptree()};
+};
+
+void append(ptree& tree, const ptree::value_type& empty, std::string text) {
+  tree.push_back(empty)->second.data() = std::move(text);
+}
+
+void appendRow(ptree& tree, const RowElements& elements, const ProcessMetric& metric) {
+  ptree& row = tree.push_back(elements.process)->second;
+  append(row, elements.id, decimalText(metric.id));
+  append(row, elements.createTime, decimalText(metric.create_time));
+  append(row, elements.name, metric.name);
+  append(row, elements.cpu, decimalText(metric.cpu));
+  append(row, elements.mem, decimalText(metric.mem));
+  append(row, elements.disk, decimalText(metric.disk));
+  append(row, elements.userName, metric.user_name);
 }
 
 }  // namespace
@@ -77,20 +94,18 @@ std::shared_ptr<ProcessMetricGenerator> ProcessMetricGenerator::getInstance() {
 }
 
 void ProcessMetricGenerator::generate(const PerfSample& sample) {
-  // Copies, because they are kept for the next tick and the sample is not this generator's.
-  ProcessInfoSet currentProcesses = sample.processes;
-  SystemPerfStats currentSystem = sample.system;
-
   // Required: called twice with one sample, the second call sees no tick pass, and its table, with
   // 9223372036854775808 as every `cpu`, is the one that stays. Pinned by
   // ProcessMetricGenerator.*Twice*.
-  const std::uint64_t elapsed = elapsedTicks(previousSystem, currentSystem);
-  ProcessMetricSet table = buildTable(currentProcesses, elapsed);
+  const std::uint64_t elapsed = elapsedTicks(previousSystem, sample.system);
+  ProcessMetricSet table = buildTable(sample.processes, elapsed);
   std::uint64_t newTimestamp = 0;
   static_cast<void>(getSystemUptime(newTimestamp));
 
-  std::swap(previousProcesses, currentProcesses);
-  std::swap(previousSystem, currentSystem);
+  // Copies, because the sample is not this generator's. Assigned, because that reuses the memory of
+  // the elements that were there.
+  previousProcesses = sample.processes;
+  previousSystem = sample.system;
 
   const std::lock_guard lock(processMetricsMutex);
   timestamp = newTimestamp;
@@ -109,17 +124,18 @@ void ProcessMetricGenerator::removeProcess(std::int32_t pid, std::uint64_t creat
 }
 
 void ProcessMetricGenerator::fillProcessMetrics(ptree& tree) {
+  const RowElements elements;
   const std::lock_guard lock(processMetricsMutex);
   tree.put("timestamp", decimalText(timestamp));
   for (const ProcessMetric& metric : processes) {
-    tree.push_back(std::make_pair("process", processElement(metric)));
+    appendRow(tree, elements, metric);
   }
 }
 
 bool reportProcessMetrics(ptree& responseTree) {
   ptree report;
   ProcessMetricGenerator::getInstance()->fillProcessMetrics(report);
-  responseTree.push_back(std::make_pair("processMetrics", report));
+  responseTree.push_back({"processMetrics", ptree()})->second.swap(report);
   return true;
 }
 

@@ -82,6 +82,12 @@ alignas(InternalLogger) unsigned char storage[sizeof(InternalLogger)];
 const std::shared_ptr<InternalLogger> secondOwner = InternalLogger::getInstance();
 InternalLogger* const logger = secondOwner.get();
 
+// Here as well as in log: nearly all messages are below the threshold, and the list of arguments of
+// those is not even made.
+bool isWritten(std::int32_t messageLevel) {
+  return logger->threshold() <= messageLevel;
+}
+
 }  // namespace
 
 InternalLogger::InternalLogger() : level(thresholdFromEnvironment()) {
@@ -173,6 +179,9 @@ void InternalLogger::log(std::int32_t messageLevel, const LogTag* tag, const cha
 }
 
 void LogTrace(const LogTag* tag, const char* format, ...) {
+  if (!isWritten(LogLevel::Trace)) {
+    return;
+  }
   va_list arguments;
   va_start(arguments, format);
   logger->log(LogLevel::Trace, tag, format, arguments);
@@ -180,6 +189,9 @@ void LogTrace(const LogTag* tag, const char* format, ...) {
 }
 
 void LogDebug(const LogTag* tag, const char* format, ...) {
+  if (!isWritten(LogLevel::Debug)) {
+    return;
+  }
   va_list arguments;
   va_start(arguments, format);
   logger->log(LogLevel::Debug, tag, format, arguments);
@@ -187,6 +199,9 @@ void LogDebug(const LogTag* tag, const char* format, ...) {
 }
 
 void LogInfo(const LogTag* tag, const char* format, ...) {
+  if (!isWritten(LogLevel::Info)) {
+    return;
+  }
   va_list arguments;
   va_start(arguments, format);
   logger->log(LogLevel::Info, tag, format, arguments);
@@ -194,6 +209,9 @@ void LogInfo(const LogTag* tag, const char* format, ...) {
 }
 
 void LogWarn(const LogTag* tag, const char* format, ...) {
+  if (!isWritten(LogLevel::Warn)) {
+    return;
+  }
   va_list arguments;
   va_start(arguments, format);
   logger->log(LogLevel::Warn, tag, format, arguments);
@@ -201,6 +219,9 @@ void LogWarn(const LogTag* tag, const char* format, ...) {
 }
 
 void LogError(const LogTag* tag, const char* format, ...) {
+  if (!isWritten(LogLevel::Error)) {
+    return;
+  }
   va_list arguments;
   va_start(arguments, format);
   logger->log(LogLevel::Error, tag, format, arguments);

@@ -14,10 +14,11 @@ namespace mendline {
 class ProcessTerminator {
  public:
   // Sends SIGTERM, once, to the process `pid` if it was created at `createTime`, in seconds since
-  // the epoch: a report may be minutes old, and the pid another process's by now. True when the signal went out; then waits 100 milliseconds for the process to go and
-  // puts its name under "terminatedProcessName" in `responseTree`. False, with the reason logged
-  // and nothing put, when the process can't be read, is another one, or can't be signalled.
-  // Required: a process that outlives the wait is answered as terminated. Pinned by
+  // the epoch: a report may be minutes old, and the pid another process's by now. True when the
+  // signal went out; then waits 100 milliseconds for the process to go and puts its name under
+  // "terminatedProcessName" in `responseTree`. False, with the reason logged and nothing put, when
+  // the process can't be read, is another one, or can't be signalled. Required: a process that
+  // outlives the wait is answered as terminated. Pinned by
   // ProcessTerminator.AnswersForAProcessThatIgnoresTheSignalAllTheSame.
   static bool terminate(std::int32_t pid, std::uint64_t createTime,
                         boost::property_tree::ptree& responseTree);

@@ -287,6 +287,8 @@ inline const std::vector<FaultRow> kImports = {
     {"mem*", "", "works on memory that is there", ""},
     {"str*", "", "works on memory that is there", ""},
     {"__isoc99_sscanf", "", "scans memory; fewer columns than asked for are an answer", ""},
+    {"setvbuf", "", "a buffer of the caller's, and a mode that there is", ""},
+    {"__fsetlocking", "", "sets a flag", ""},
     {"snprintf", "", "formats numbers and text of the C locale into a buffer", ""},
     {"vsnprintf", "", "formats numbers and text of the C locale into a buffer", ""},
     {"__snprintf_chk", "", "formats numbers and text of the C locale into a buffer", ""},
