@@ -49,13 +49,12 @@ class ProcessPath {
     constexpr std::string_view kFolder = "/proc/";
     char* at = std::ranges::copy(kFolder, text_).out;
     at = std::to_chars(at, text_ + sizeof(text_), pid).ptr;
-    at = std::ranges::copy(file, at).out;
-    *at = '\0';
+    std::ranges::copy(file, at);
   }
   const char* text() const { return text_; }
 
  private:
-  char text_[32];
+  char text_[32] = {};
 };
 
 // With a buffer of the caller's, which has to outlive the file: stdio's own would take an fstat and
