@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <new>
+#include <string_view>
 
 namespace mendline {
 namespace {
@@ -57,20 +60,57 @@ std::int32_t thresholdFromEnvironment() {
   return LogLevel::Debug;
 }
 
-void formatTime(char (&text)[64]) {
+char* append(char* at, std::string_view text) {
+  return std::ranges::copy(text, at).out;
+}
+
+char* appendNumber(char* at, unsigned long number, int base = 10) {
+  constexpr std::ptrdiff_t kLongest = std::numeric_limits<unsigned long>::digits10 + 1;
+  return std::to_chars(at, at + kLongest, number, base).ptr;
+}
+
+char* appendTwoDigits(char* at, char before, int number) {
+  *at++ = before;
+  *at++ = static_cast<char>('0' + number / 10);
+  *at++ = static_cast<char>('0' + number % 10);
+  return at;
+}
+
+// Nothing when there is no time to be had.
+char* appendTime(char* at) {
   timeval now{};
   if (gettimeofday(&now, nullptr) != 0) {
-    return;
+    return at;
   }
   // The reentrant form: lines are formatted outside the lock, by several threads at once.
   tm local{};
   if (localtime_r(&now.tv_sec, &local) == nullptr) {
-    return;
+    return at;
   }
-  const std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+  at = appendNumber(at, static_cast<unsigned long>(local.tm_year + 1900L));
+  at = appendTwoDigits(at, '-', local.tm_mon + 1);
+  at = appendTwoDigits(at, '-', local.tm_mday);
+  at = appendTwoDigits(at, ' ', local.tm_hour);
+  at = appendTwoDigits(at, ':', local.tm_min);
+  at = appendTwoDigits(at, ':', local.tm_sec);
   // Required: milliseconds without leading zeros. Pinned by InternalLoggerLine.*.
-  static_cast<void>(std::snprintf(text + length, sizeof(text) - length, ":%ld",
-                                  static_cast<long>(now.tv_usec / 1000)));
+  *at++ = ':';
+  return appendNumber(at, static_cast<unsigned long>(now.tv_usec / 1000));
+}
+
+// What stands before the message, as "%s %-5s <%lx> [%s] " would write it. Piece by piece, because
+// strftime and snprintf take longer for it than the file for the whole line.
+char* appendPrefix(char* at, std::int32_t messageLevel, const LogTag* tag) {
+  constexpr std::size_t kLevelWidth = 5;
+  const std::string_view level = kLevelNames[messageLevel];
+  at = append(appendTime(at), " ");
+  at = append(at, level);
+  at = std::fill_n(at, kLevelWidth - std::min(level.size(), kLevelWidth), ' ');
+  at = append(at, " <");
+  at = appendNumber(at, static_cast<unsigned long>(pthread_self()), 16);
+  at = append(at, "> [");
+  at = append(at, tag->name);
+  return append(at, "] ");
 }
 
 // The logger's memory. It stays when the last owner has let go: a request may still be logging when
@@ -153,17 +193,12 @@ void InternalLogger::log(std::int32_t messageLevel, const LogTag* tag, const cha
     return;
   }
 
-  char line[kLineLimit + 1] = {};
-  char time[64] = {};
-  formatTime(time);
-  const int prefixLength =
-      std::snprintf(line, kLineLimit, "%s %-5s <%lx> [%s] ", time, kLevelNames[messageLevel],
-                    static_cast<unsigned long>(pthread_self()), tag->name);
-  const auto prefix = static_cast<std::size_t>(std::max(prefixLength, 0));
+  char line[kLineLimit + 1];
+  const auto prefix = static_cast<std::size_t>(appendPrefix(line, messageLevel, tag) - line);
+  line[prefix] = '\0';
   static_cast<void>(std::vsnprintf(line + prefix, kLineLimit - prefix, format, arguments));
-  if (std::strlen(line) > kMaxLineLength) {
-    static_cast<void>(std::fprintf(stderr, "Log string exceed max length\n"));
-  }
+  const std::size_t length = prefix + std::strlen(line + prefix);
+  line[length] = '\n';
 
   const std::lock_guard lock(mutex);
   if (stream == nullptr) {
@@ -174,7 +209,7 @@ void InternalLogger::log(std::int32_t messageLevel, const LogTag* tag, const cha
   if (static_cast<std::int32_t>(std::ftell(stream)) > kRotationPosition) {
     rotate();
   }
-  static_cast<void>(std::fprintf(stream, "%s\n", line));
+  static_cast<void>(std::fwrite(line, 1, length + 1, stream));
   static_cast<void>(std::fflush(stream));
 }
 

@@ -208,7 +208,6 @@ inline const std::vector<FaultRow> kImports = {
     {"gettimeofday", "EFAULT EPERM", "a line goes out without its time",
      "InternalLoggerLine.GoesOutWithoutAClock"},
     {"localtime_r", "", "only a year beyond 32 bits has no local time", ""},
-    {"strftime", "", "the buffer holds every date", ""},
     {"getenv", "", "a variable that is not set is an answer", ""},
     {"std::chrono::_V2::s*", "", "the clocks of the kernel always answer", ""},
 
