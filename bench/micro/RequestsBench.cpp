@@ -1,6 +1,8 @@
 // The reports, and whole requests from text to text.
 #include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
 #include <cstddef>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -117,6 +119,24 @@ void request(benchmark::State& state, const std::string& text, const std::string
   }
   state.counters["answer_bytes"] = static_cast<double>(length);
 }
+// What no request is spared: the streams, the parser, the path of the opcode, a tree and the
+// writer, as plainly as a program would use them.
+void parserTreeAndWriter(benchmark::State& state) {
+  const std::string text = requestText("GetLogLevel");
+  for (auto _ : state) {
+    ptree request;
+    ptree response;
+    std::istringstream input(text);
+    boost::property_tree::read_xml(input, request, 0);
+    benchmark::DoNotOptimize(request.get<std::string>("MendlineOperation.opcode", ""));
+    response.put("LOGLEVEL", "INFO");
+    std::ostringstream output;
+    boost::property_tree::write_xml(
+        output, response,
+        boost::property_tree::xml_writer_make_settings<std::string>(' ', 0, "utf-8"));
+    benchmark::DoNotOptimize(std::move(output).str());
+  }
+}
 
 void registerRequest(const std::string& name, const std::string& text, const std::string& end) {
   benchmark::RegisterBenchmark(name.c_str(), [text, end](benchmark::State& state) {
@@ -148,6 +168,7 @@ int main(int argc, char** argv) {
       "</metric></historicalMetrics>");
   registerRequest("request LbMetrics", requestText("LbMetrics"), "</LB>");
   registerRequest("request GetLogLevel", requestText("GetLogLevel"), "</LOGLEVEL>");
+  benchmark::RegisterBenchmark("parser, tree and writer alone", parserTreeAndWriter);
   registerRequest("request of an unknown opcode", requestText("Nonsense"),
                   "<ERROR>Invalid mendline opcode</ERROR>");
   registerRequest("request that does not parse", "<MendlineOperation><opcode>GetLogLevel</opcode>",
