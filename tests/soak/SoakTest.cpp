@@ -248,28 +248,27 @@ class Guests {
   std::deque<rig::Process> servers_;
 };
 
-// A JVM that takes the library as it was built. With a sanitizer in it, the runtime has to be there
-// before the JVM is, the JVM must not compile, since it uses SIGSEGV for itself then, and what it
-// does with its own memory is its own affair.
+// A JVM that takes the library as it was built. It interprets, because a compiler's threads and
+// code come and go as they like. With a sanitizer in the library, the runtime has to be there
+// before the JVM is, and what it does with its own memory is its own affair.
 rig::Program jvmWithTheDriver(const rig::PrivateHost& host) {
   std::vector<std::string> command = {MENDLINE_JAVA,
                                       "-Xms48m",
                                       "-Xmx48m",
                                       "-XX:+AlwaysPreTouch",
                                       "-XX:+UseSerialGC",
-                                      "-XX:TieredStopAtLevel=1",
+                                      "-Xint",
                                       "-XX:-UsePerfData",
                                       "-XX:ErrorFile=/dev/null",
                                       "-XX:-CreateCoredumpOnCrash"};
-  if (kIsSanitized) {
-    command.emplace_back("-Xint");
-  }
   for (const std::string& word :
        {std::string("-cp"), std::string(MENDLINE_SOAK_CLASS_PATH), std::string("SoakDriver"),
         std::string(MENDLINE_LIBRARY), std::to_string(kRequestThreads)}) {
     command.push_back(word);
   }
   rig::Program program = host.program(command);
+  // With a heap for each of so many threads it takes days until all of them have settled.
+  program.withEnvironment("MALLOC_ARENA_MAX", "1");
   program.withEnvironment("TARNHOST_MENDLINE_LOGLEVEL", "TRACE").withClockSpeed(kClockSpeed);
   if (kIsSanitized) {
     program.withEnvironment("LD_PRELOAD", std::string(kSanitizer))
