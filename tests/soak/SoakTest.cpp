@@ -355,8 +355,11 @@ TEST(Soak, HoldsNoMoreAtTheEndThanInTheMiddle) {
     const Drift drift = driftOf(values);
     std::printf("soak: %-12s at the middle %10.1f, at the end %10.1f, growth %+8.2f +- %.2f\n",
                 figure.name, values.front(), values.back(), drift.growth, drift.chance);
-    // The runtimes of the sanitizers hold on to memory.
-    const bool isTheirs = kIsSanitized && figure.field == &Holding::memory;
+    // The runtimes of the sanitizers hold on to memory. Else what the heap may still settle by is
+    // six bytes for each answer; a leak is more than that, and grows with the run.
+    constexpr double kSettling = 256;
+    const bool isMemory = figure.field == &Holding::memory;
+    const bool isTheirs = isMemory && (kIsSanitized || std::abs(drift.growth) <= kSettling);
     EXPECT_TRUE(drift.isZero() || isTheirs) << figure.name << " grows by " << drift.growth;
   }
 }
