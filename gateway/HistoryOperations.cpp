@@ -6,7 +6,6 @@
 
 #include "gateway/MendLineOperation.h"
 #include "generators/HistoricalMetricGenerator.h"
-#include "generators/NumberConversion.h"
 #include "logging/InternalLogger.h"
 #include "sources/NvmlWrapper.h"
 
@@ -40,18 +39,21 @@ void historicalMetrics(const ptree& requestTree, ptree& responseTree) {
 void lbMetrics(const ptree& /*requestTree*/, ptree& responseTree) {
   const LatestSystemFigures figures = HistoricalMetricGenerator::getLatestSystemFigures();
   ptree answer;
-  putResult(answer, "cpuUsage", fixedText(figures.cpuUsage));
-  putResult(answer, "memUsage", fixedText(figures.memUsage));
-  putResult(answer, "diskRead", fixedText(figures.diskRead));
-  putResult(answer, "diskWrite", fixedText(figures.diskWrite));
-  putResult(answer, "diskQueue", fixedText(figures.diskQueue));
+  // Required: std::to_string, which follows the process's locale. A JVM takes its own from the
+  // environment, so under a comma locale the figures have commas. Pinned by
+  // HistoryOperations.LoadHasTheDecimalCommaOfTheProcesssLocale.
+  putResult(answer, "cpuUsage", std::to_string(figures.cpuUsage));
+  putResult(answer, "memUsage", std::to_string(figures.memUsage));
+  putResult(answer, "diskRead", std::to_string(figures.diskRead));
+  putResult(answer, "diskWrite", std::to_string(figures.diskWrite));
+  putResult(answer, "diskQueue", std::to_string(figures.diskQueue));
 
   double vgpuUsage = 0.0;
   NvmlWrapper& nvml = NvmlWrapper::getInstance();
   if (nvml.isReady() && nvml.maxMemoryUsage(&vgpuUsage) && vgpuUsage > figures.memUsage) {
     LogDebug(&kTag, "Select vGPU memUsage: %.2f, system memUsage: %.2f", vgpuUsage,
              figures.memUsage);
-    putResult(answer, "memUsage", fixedText(vgpuUsage));
+    putResult(answer, "memUsage", std::to_string(vgpuUsage));
   }
   responseTree.push_back(std::make_pair("LB", answer));
 }

@@ -1,4 +1,4 @@
-// Figures as whole numbers, and numbers as text: the one rule of every report.
+// Figures as whole numbers, and whole numbers as text: the one rule of every report.
 //
 // Pure functions, callable from any thread.
 #pragma once
@@ -40,17 +40,6 @@ std::string decimalText(Integer value) {
   char digits[kLongest];
   char* const end = std::to_chars(digits, digits + kLongest, value).ptr;
   return {digits, end};
-}
-
-// The text that "%f" gives in the C locale: six decimals, "inf" or "nan" with its sign. Not by
-// std::to_string, which writes a comma in a process under a comma locale.
-inline std::string fixedText(double value) {
-  constexpr int kDecimals = 6;
-  constexpr std::size_t kLongest = std::numeric_limits<double>::max_exponent10 + kDecimals + 4;
-  char text[kLongest];
-  char* const end =
-      std::to_chars(text, text + kLongest, value, std::chars_format::fixed, kDecimals).ptr;
-  return {text, end};
 }
 
 }  // namespace mendline

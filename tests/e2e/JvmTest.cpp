@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CommaLocale.h"
 #include "Inventory.h"
 #include "Jdks.h"
 #include "PrivateHost.h"
@@ -196,6 +197,17 @@ TEST_P(RealJvm, AnswersEveryOperationOfTheDispatcherByteForByte) {
           kDeclaration + "<ERROR>Invalid loglevel </ERROR>",
           kDeclaration + "<ERROR>Invalid loglevel &lt;a&amp;b&gt;</ERROR>",
           kDeclaration + "<ERROR>Invalid loglevel XYZ</ERROR>", kInvalidOpcode));
+}
+
+// A JVM takes the locale of its environment, decimals included.
+TEST_P(RealJvm, AnswersTheLoadUnderACommaLocaleWithCommas) {
+  const rig::CommaLocale locale;
+  EXPECT_THAT(
+      answers({operation("LbMetrics")}),
+      ElementsAre(
+          kDeclaration +
+          "<LB><cpuUsage>0,000000</cpuUsage><memUsage>0,000000</memUsage><diskRead>0,000000"
+          "</diskRead><diskWrite>0,000000</diskWrite><diskQueue>0,000000</diskQueue></LB>"));
 }
 
 TEST_P(RealJvm, StartsAndStopsTheCollectorAndLeavesNothingBehind) {

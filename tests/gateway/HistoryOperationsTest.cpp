@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <clocale>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CommaLocale.h"
 #include "Eventually.h"
 #include "GpuDriver.h"
 #include "PrivateHost.h"
@@ -138,6 +141,33 @@ TEST_F(HistoryOperations, LoadWritesWhatIsNotFiniteInLetters) {
               testing::MatchesRegex("<LB><cpuUsage>-?nan</cpuUsage><memUsage>25.000000</memUsage>"
                                     "<diskRead>0.000000</diskRead><diskWrite>0.000000</diskWrite>"
                                     "<diskQueue>-?(nan|inf)</diskQueue></LB>"));
+}
+
+TEST_F(HistoryOperations, LoadWritesLargeNegativeAndTinyFiguresWithAllTheirDigits) {
+  generate(sampleAt(10));
+  PerfSample later = sampleAt(10);
+  later.system.uptime = 9;
+  later.system.cpuUser += 1;
+  later.system.diskReads += 2'000'000;
+  later.system.diskReadMs += 3;
+  later.system.diskWrites += 1;
+  later.system.diskWriteMs += std::uint64_t{1} << 63;
+  generate(later);
+  EXPECT_EQ(answer("LbMetrics"),
+            "<LB><cpuUsage>100.000000</cpuUsage><memUsage>25.000000</memUsage>"
+            "<diskRead>0.000002</diskRead><diskWrite>9223372036854775808.000000</diskWrite>"
+            "<diskQueue>-2000001.000000</diskQueue></LB>");
+}
+
+TEST_F(HistoryOperations, LoadHasTheDecimalCommaOfTheProcesssLocale) {
+  const rig::CommaLocale locale;
+  generate(sampleAt(10));
+  generate(sampleAt(20));
+  ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr);
+  EXPECT_EQ(answer("LbMetrics"),
+            "<LB><cpuUsage>25,000000</cpuUsage><memUsage>25,000000</memUsage>"
+            "<diskRead>1,500000</diskRead><diskWrite>1,250000</diskWrite>"
+            "<diskQueue>6,000000</diskQueue></LB>");
 }
 
 TEST_F(HistoryOperations, LoadIgnoresItsRequestsOtherElements) {

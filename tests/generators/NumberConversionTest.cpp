@@ -4,8 +4,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <limits>
 #include <locale>
 #include <random>
@@ -131,40 +129,6 @@ TEST(NumberConversion, TextIsTheSameInEveryLocale) {
   const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
   EXPECT_EQ(decimalText(std::uint64_t{1234567}), "1234567");
   std::locale::global(before);
-}
-
-// In the C locale, which a test starts in, "%f" is the independent rule.
-std::string printed(double value) {
-  char text[512];
-  static_cast<void>(std::snprintf(text, sizeof(text), "%f", value));
-  return text;
-}
-
-TEST(NumberConversion, FixedTextHasSixDecimals) {
-  EXPECT_EQ(fixedText(0.0), "0.000000");
-  EXPECT_EQ(fixedText(12.5), "12.500000");
-  EXPECT_EQ(fixedText(-3.25), "-3.250000");
-  EXPECT_EQ(fixedText(0.0000005), "0.000000");
-  EXPECT_EQ(fixedText(0.0000015), "0.000002");
-  EXPECT_EQ(fixedText(1e19), "10000000000000000000.000000");
-  EXPECT_EQ(fixedText(std::numeric_limits<double>::infinity()), "inf");
-  EXPECT_EQ(fixedText(-std::numeric_limits<double>::infinity()), "-inf");
-}
-
-TEST(NumberConversion, FixedTextIsWhatPrintfGivesInTheCLocale) {
-  std::mt19937_64 random(20260309);
-  for (int i = 0; i < 200000; ++i) {
-    double value = 0;
-    const std::uint64_t bits = random();
-    std::memcpy(&value, &bits, sizeof(value));
-    if (!std::isnan(value)) {
-      ASSERT_EQ(fixedText(value), printed(value)) << bits;
-    }
-  }
-  EXPECT_EQ(fixedText(std::numeric_limits<double>::max()),
-            printed(std::numeric_limits<double>::max()));
-  EXPECT_EQ(fixedText(std::numeric_limits<double>::lowest()),
-            printed(std::numeric_limits<double>::lowest()));
 }
 
 }  // namespace

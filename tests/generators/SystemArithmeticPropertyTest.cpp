@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -236,27 +235,6 @@ TEST(NumberConversionProperty, CutsNumbersAroundEveryWholeOneByTheRule) {
           value = std::nextafter(value, step == 0 ? 1e300 : -1e300);
         }
       }
-    }
-  }
-}
-
-TEST(NumberConversionProperty, WritesDecimalsOfEveryMagnitudeAsPrintfDoes) {
-  char text[512];
-  forEveryMagnitude({0, 1, 0x8000000000000, kAllMantissaBits}, [&](std::uint64_t, double value) {
-    if (!std::isnan(value)) {
-      static_cast<void>(std::snprintf(text, sizeof text, "%f", value));
-      ASSERT_EQ(fixedText(value), text);
-    }
-  });
-}
-
-// Ties are where two roundings would differ.
-TEST(NumberConversionProperty, WritesTiesAsPrintfDoes) {
-  char text[512];
-  for (int i = -200000; i <= 200000; i += 7) {
-    for (const double value : {i / 128.0 / 15625.0, i * 0.0000005, i / 1048576.0}) {
-      static_cast<void>(std::snprintf(text, sizeof text, "%f", value));
-      ASSERT_EQ(fixedText(value), text);
     }
   }
 }

@@ -8,7 +8,7 @@ import org.w3c.dom.Element;
 /**
  * The answer to one LbMetrics request.
  *
- * @param figures as the library writes them
+ * @param figures as the library writes them, but always with a point
  */
 record LoadFigures(Map<Kind, String> figures) {
 
@@ -56,11 +56,12 @@ record LoadFigures(Map<Kind, String> figures) {
         Map<Kind, String> figures = new EnumMap<>(Kind.class);
         for (Kind kind : Kind.values()) {
             String text = Fields.text(load, kind.element());
-            // No zero in front, so that it is a number in JSON as it stands.
-            if (!text.matches("-?(?:0|[1-9][0-9]{0,399})(?:\\.[0-9]{1,20})?|-?nan|-?inf")) {
+            // No zero in front, so that it is a number in JSON as it stands. The library writes the
+            // decimal sign of its process's locale.
+            if (!text.matches("-?(?:0|[1-9][0-9]{0,399})(?:[.,\u066B][0-9]{1,20})?|-?nan|-?inf")) {
                 throw Fields.noNumber(kind.element(), text);
             }
-            figures.put(kind, text);
+            figures.put(kind, text.replaceFirst("[,\u066B]", "."));
         }
         return new LoadFigures(figures);
     }

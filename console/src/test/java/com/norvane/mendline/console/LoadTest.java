@@ -54,9 +54,16 @@ class LoadTest {
         assertEquals("disk read   -1.78e308 ms each", LoadText.lines(figures).get(2));
     }
 
+    @Test
+    void theDecimalSignOfAnyLocaleIsRead() {
+        LoadFigures figures = parse("12,500000", "-43,215000", "0\u066B250000", "0,000000", "nan");
+        assertEquals("{\"cpuUsage\":12.500000,\"memUsage\":-43.215000,\"diskRead\":0.250000,"
+                + "\"diskWrite\":0.000000,\"diskQueue\":null}", LoadText.json(figures));
+    }
+
     @ParameterizedTest
-    @ValueSource(strings = {"", "x", "1,5", "+1.0", "1.", ".5", "1e5", "01.0", "NaN", "infinity",
-        "\u0661.0", " 1.0"})
+    @ValueSource(strings = {"", "x", "1,", "1,5,0", "1.5,0", "+1.0", "1.", ".5", "1e5", "01.0",
+        "NaN", "infinity", "\u0661.0", " 1.0"})
     void whatIsNotLikeTheLibrarysFiguresIsSaidSo(String text) {
         assertEquals(ExitCodes.UNUSABLE, assertThrows(ConsoleException.class,
                 () -> parse("1.0", "1.0", "1.0", "1.0", text)).exitCode());
