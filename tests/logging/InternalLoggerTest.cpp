@@ -757,6 +757,22 @@ TEST_F(InternalLoggerOpening, IsUndoneByTheLoggersEnd) {
   EXPECT_EQ(rig::openFileCount(), before);
 }
 
+TEST_F(InternalLoggerOpening, IsUndoneOnceByAClosingBehindWhichMessagesAreDropped) {
+  const std::size_t before = rig::openFileCount();
+  {
+    InternalLogger logger;
+    say(logger, "last");
+    logger.close();
+    EXPECT_EQ(rig::openFileCount(), before);
+    say(logger, "too late");
+    logger.close();
+  }
+  EXPECT_EQ(rig::openFileCount(), before);
+  const std::vector<std::string> lines = linesOf(log());
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_THAT(lines[0], EndsWith("last"));
+}
+
 TEST_F(InternalLoggerOpening, IsUndoneWhenTheLibraryIsUnloaded) {
   const std::size_t before = rig::openFileCount();
   rig::NativeLibrary library;
