@@ -69,6 +69,9 @@ std::vector<Jvm> jvms() {
 
 class RealJvm : public testing::TestWithParam<Jvm> {
  protected:
+  // Whatever the locale of whoever runs the tests: a JVM would take its decimals.
+  void SetUp() override { ASSERT_EQ(setenv("LC_ALL", "C.UTF-8", 1), 0); }
+
   rig::Program driver(const std::vector<std::string>& lines) const {
     std::vector<std::string> command = {GetParam().java, "-Xmx256m", "-XX:ErrorFile=/dev/null",
                                         "-XX:-CreateCoredumpOnCrash",

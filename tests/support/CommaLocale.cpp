@@ -25,6 +25,8 @@ CommaLocale::CommaLocale() {
       Program({"localedef", "--no-archive", "-i", "de_DE", "-f", "UTF-8", folder_ + "/" + kName})
           .run();
   if (run.exitStatus != 0) {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
     throw Error("localedef: " + run.errors);
   }
   setenv("LOCPATH", folder_.c_str(), 1);
