@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -218,6 +219,22 @@ TEST(CollectionLoop, KeepsItsSampleThroughTheWait) {
   ASSERT_NE(borrower->borrowed(), nullptr);
   EXPECT_EQ(borrower->borrowed()->processes.size(), copy.processes.size());
   EXPECT_NE(find(*borrower->borrowed(), getpid()), nullptr);
+}
+
+nanoseconds cpuTime() {
+  timespec time = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+}
+
+TEST(CollectionLoop, SleepsThroughTheWait) {
+  PrivateHost host;
+  Collection collection;
+  collection.firstSample();
+  pauseFor(milliseconds(50));  // into the wait of 30 seconds
+  const nanoseconds before = cpuTime();
+  pauseFor(milliseconds(500));
+  EXPECT_LT(cpuTime() - before, milliseconds(100));
 }
 
 TEST(CollectionLoop, LetsAnExceptionOfAGeneratorEndTheProcess) {
