@@ -293,6 +293,10 @@ TEST_F(NvmlWrapperOnAHost, ALineThatRaisesLeavesTheLibraryOpenAndNotReady) {
   EXPECT_TRUE(rig::GpuDriver::isLoaded());
 }
 
+TEST_F(NvmlWrapperOnAHost, IsNotReadyBeforeItsFirstInit) {
+  EXPECT_FALSE(NvmlWrapper::getInstance().isReady());
+}
+
 TEST_F(NvmlWrapperOnAHost, ShutdownWithoutAnInitDoesNothing) {
   nvml.shutdown();
   EXPECT_FALSE(nvml.isReady());
