@@ -294,7 +294,7 @@ TEST_F(NvmlWrapperOnAHost, ALineThatRaisesLeavesTheLibraryOpenAndNotReady) {
 }
 
 TEST_F(NvmlWrapperOnAHost, IsNotReadyBeforeItsFirstInit) {
-  EXPECT_FALSE(NvmlWrapper::getInstance().isReady());
+  EXPECT_FALSE(nvml.isReady());
 }
 
 TEST_F(NvmlWrapperOnAHost, ShutdownWithoutAnInitDoesNothing) {
